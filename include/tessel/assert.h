@@ -1,0 +1,26 @@
+// Always-on assertion for programming errors.
+//
+// TESSEL_ASSERT(cond) aborts the process when `cond` is false, after printing the condition
+// text, the source file, the line and the function. It is never compiled out: callers rely on
+// it in release builds to stop on misuse (a wrong IV size, a subtraction of a longer number)
+// instead of computing garbage. Input errors are never asserted; they are return values.
+#pragma once
+
+#include <string>
+
+namespace tessel::detail {
+
+// reportedSourceName maps a compiler path to the name assertion messages carry: sources
+// under src/ by their path below src/ ("bignum.cpp"), public headers as seen from src/
+// ("../include/tessel/blob.h"). Any other path is returned unchanged.
+std::string reportedSourceName(const char* path);
+
+// assertFail prints `assertion "COND" failed: file "FILE", line N, function: FUNC` to
+// standard error and aborts.
+[[noreturn]] void assertFail(const char* cond, const char* path, int line, const char* func);
+
+}  // namespace tessel::detail
+
+#define TESSEL_ASSERT(cond)                                                                   \
+  ((cond) ? static_cast<void>(0)                                                              \
+          : ::tessel::detail::assertFail(#cond, __FILE__, __LINE__, __func__))

@@ -1,0 +1,9 @@
+// Umbrella header: every public interface of the library, for hosts that want one include.
+#pragma once
+
+#include "ol/base64.h"
+#include "ol/file.h"
+#include "ol/ipaddr.h"
+#include "tessel/assert.h"
+#include "tessel/hash.h"
+#include "tessel/hmac.h"

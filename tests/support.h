@@ -1,0 +1,65 @@
+// Shared test helpers: hex conversion, the test-vector reader and OpenSSL oracles.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tessel/hash.h"
+
+namespace tessel::test {
+
+using Bytes = std::vector<unsigned char>;
+
+Bytes fromHex(std::string_view hex);
+std::string toHex(const unsigned char* data, std::size_t len);
+inline std::string toHex(const Bytes& b) { return toHex(b.data(), b.size()); }
+inline Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
+
+// vectorsDir is $TESSEL_VECTORS, or the shared vectors folder beside the checkout.
+std::string vectorsDir();
+
+// loadVectors parses a JSON file below vectorsDir(); nullopt when the file is missing.
+std::optional<nlohmann::json> loadVectors(const std::string& relativePath);
+
+// field returns the bytes of a vector field: hex `name`, or the ASCII of `name`_string when
+// only that is given. Absent or null gives nullopt.
+std::optional<Bytes> field(const nlohmann::json& c, const std::string& name);
+
+// makeSoftwareHash returns the software digest for a HashID (1..7), or null.
+std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
+
+// Deterministic randomness for property tests, so a failure can be replayed from its seed.
+class TestRng {
+ public:
+  explicit TestRng(std::uint64_t seed) : gen_(seed) {}
+  std::uint32_t next() { return static_cast<std::uint32_t>(gen_()); }
+  std::size_t below(std::size_t n) { return n ? gen_() % n : 0; }
+  Bytes bytes(std::size_t n) {
+    Bytes b(n);
+    for (auto& x : b) x = static_cast<unsigned char>(gen_());
+    return b;
+  }
+
+ private:
+  std::mt19937_64 gen_;
+};
+
+// randomSplits cuts [0, total) into consecutive pieces of random lengths, mixing tiny pieces
+// with large ones so buffer boundaries are crossed in every way.
+std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total);
+
+}  // namespace tessel::test
+
+// LOAD_VECTORS binds `var` to the parsed file or skips the test, saying which file is missing.
+#define LOAD_VECTORS(var, path)                                                               \
+  auto var##_opt = ::tessel::test::loadVectors(path);                                          \
+  if (!var##_opt) GTEST_SKIP() << "test vectors not found: " << ::tessel::test::vectorsDir()   \
+                               << "/" << (path) << " (set TESSEL_VECTORS)";                    \
+  const nlohmann::json& var = *var##_opt
