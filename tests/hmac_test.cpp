@@ -1,9 +1,13 @@
+#if TESSEL_HAVE_OPENSSL
 #include <openssl/hmac.h>
+#endif
 
 #include <map>
 #include <memory>
 
+#if TESSEL_HAVE_OPENSSL
 #include "openssl_oracle.h"
+#endif
 #include "support.h"
 #include "tessel/hmac.h"
 
@@ -30,6 +34,7 @@ Bytes hmacOf(unsigned id, const Bytes& key, const Bytes& msg) {
   return mac.update(msg).digest();
 }
 
+#if TESSEL_HAVE_OPENSSL
 Bytes opensslHmac(unsigned id, const Bytes& key, const Bytes& msg) {
   Bytes out(EVP_MAX_MD_SIZE);
   unsigned len = 0;
@@ -40,6 +45,7 @@ Bytes opensslHmac(unsigned id, const Bytes& key, const Bytes& msg) {
   out.resize(len);
   return out;
 }
+#endif
 
 TEST(Hmac, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hmac.json");
@@ -75,6 +81,7 @@ TEST_P(HmacWycheproof, ExpectedVerdicts) {
 
 INSTANTIATE_TEST_SUITE_P(All, HmacWycheproof, testing::Values("sha1", "sha256", "sha384", "sha512"));
 
+#if TESSEL_HAVE_OPENSSL
 TEST(Hmac, KeyLengthRules) {
   // Keys below, at and above the block length, the empty key, and a 1 MiB key, against OpenSSL.
   test::TestRng rng(2104);
@@ -88,7 +95,9 @@ TEST(Hmac, KeyLengthRules) {
     }
   }
 }
+#endif
 
+#if TESSEL_HAVE_OPENSSL
 TEST(Hmac, ReusableAcrossMessagesAndEmptyMessage) {
   SHA256 h;
   const Bytes key = test::bytesOf("key");
@@ -101,7 +110,9 @@ TEST(Hmac, ReusableAcrossMessagesAndEmptyMessage) {
   EXPECT_EQ(mac.blockLength(), 64u);
   EXPECT_EQ(mac.digestLength(), 32u);
 }
+#endif
 
+#if TESSEL_HAVE_OPENSSL
 TEST(Hmac, MatchesOpenSslForRandomKeysMessagesAndSplits) {
   ASSERT_TRUE(test::legacyProviders());
   test::TestRng rng(0x4ac);
@@ -122,6 +133,7 @@ TEST(Hmac, MatchesOpenSslForRandomKeysMessagesAndSplits) {
     }
   }
 }
+#endif
 
 TEST(Hkdf, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hkdf.json");
@@ -139,12 +151,13 @@ TEST(Hkdf, KnownAnswers) {
   }
 }
 
-// Expected block 256 of an over-long expansion: the one-byte counter has wrapped to 0.
+// Expected block 256 of an over-long expansion: the one-byte counter has wrapped to 0. HMAC
+// itself is checked against published vectors above; this checks only the counter rule.
 Bytes wrappedBlock(unsigned id, const Bytes& prk, const Bytes& previous, const Bytes& info) {
   Bytes msg = previous;
   msg.insert(msg.end(), info.begin(), info.end());
   msg.push_back(0);
-  return opensslHmac(id, prk, msg);
+  return hmacOf(id, prk, msg);
 }
 
 class HkdfWycheproof : public testing::TestWithParam<const char*> {};
@@ -170,7 +183,7 @@ TEST_P(HkdfWycheproof, ExpectedVerdictsOrSpecifiedWrap) {
         const unsigned L = h->digestLength();
         ASSERT_EQ(okm.size(), size);
         ASSERT_GT(size, 255 * L);
-        Bytes prk = opensslHmac(id, salt, ikm);
+        Bytes prk = hmacOf(id, salt, ikm);
         Bytes block255(okm.begin() + 254 * L, okm.begin() + 255 * L);
         Bytes expected = wrappedBlock(id, prk, block255, info);
         EXPECT_EQ(toHex(okm.data() + 255 * L, size - 255 * L), toHex(expected.data(), size - 255 * L));

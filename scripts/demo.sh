@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Sets up, builds the library and the example program, and runs it on the sample data.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF >/dev/null
+cmake --build build/release --target tessel_tool
+echo "== tessel digest sha256 examples/*.txt"
+build/release/tessel digest sha256 examples/*.txt
+echo "== the same files through sha256sum, for comparison"
+sha256sum examples/*.txt
