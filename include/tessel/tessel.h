@@ -7,3 +7,4 @@
 #include "tessel/assert.h"
 #include "tessel/hash.h"
 #include "tessel/hmac.h"
+#include "tessel/rng.h"
