@@ -1,0 +1,134 @@
+// Raw block ciphers behind the BlockCipher interface (AES-128/192/256, DES, triple DES and the
+// one-byte null cipher) and the RC4 stream cipher.
+//
+// Block ciphers are keyed once, in the constructor, and are immutable afterwards: one object
+// may encrypt and decrypt any number of blocks. Mode objects own them (cipher.h).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace tessel {
+
+// BlockCipher is the interface of a one-block cipher. `in` and `out` may be the same buffer.
+class BlockCipher {
+ public:
+  virtual ~BlockCipher() = default;
+  // blockLength is the block size in bytes.
+  virtual unsigned blockLength() const = 0;
+  virtual void encrypt(const unsigned char* in, unsigned char* out) const = 0;
+  virtual void decrypt(const unsigned char* in, unsigned char* out) const = 0;
+};
+
+// AESBase holds the round keys of AES (FIPS 197), stored transposed: one 32-bit word per state
+// row, so that ShiftRows is a rotation of a word and AddRoundKey four word XORs. The only
+// tables are the S-box, its inverse and the round constants.
+class AESBase : public BlockCipher {
+ public:
+  unsigned blockLength() const override { return 16; }
+
+ protected:
+  // expandKey fills the round keys from `nk` key words (4, 6 or 8).
+  void expandKey(const unsigned char* key, unsigned nk);
+  void encryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const;
+  void decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const;
+
+  std::uint32_t roundKeys_[60];  // (rounds + 1) round keys of four row words each
+};
+
+// AES128 takes a 16-byte key (10 rounds).
+class AES128 : public AESBase {
+ public:
+  explicit AES128(const unsigned char* key) { expandKey(key, 4); }
+  void encrypt(const unsigned char* in, unsigned char* out) const override { encryptRounds(in, out, 10); }
+  void decrypt(const unsigned char* in, unsigned char* out) const override { decryptRounds(in, out, 10); }
+};
+
+// AES192 takes a 24-byte key (12 rounds).
+class AES192 : public AESBase {
+ public:
+  explicit AES192(const unsigned char* key) { expandKey(key, 6); }
+  void encrypt(const unsigned char* in, unsigned char* out) const override { encryptRounds(in, out, 12); }
+  void decrypt(const unsigned char* in, unsigned char* out) const override { decryptRounds(in, out, 12); }
+};
+
+// AES256 takes a 32-byte key (14 rounds).
+class AES256 : public AESBase {
+ public:
+  explicit AES256(const unsigned char* key) { expandKey(key, 8); }
+  void encrypt(const unsigned char* in, unsigned char* out) const override { encryptRounds(in, out, 14); }
+  void decrypt(const unsigned char* in, unsigned char* out) const override { decryptRounds(in, out, 14); }
+};
+
+// DES (FIPS 46-3) with an 8-byte key; the parity bits are ignored. Single DES is broken and is
+// kept for MS-CHAPv2 and legacy formats only.
+class DES : public BlockCipher {
+ public:
+  explicit DES(const unsigned char* key);
+  unsigned blockLength() const override { return 8; }
+  void encrypt(const unsigned char* in, unsigned char* out) const override;
+  void decrypt(const unsigned char* in, unsigned char* out) const override;
+
+ private:
+  void crypt(const unsigned char* in, unsigned char* out, bool decrypting) const;
+
+  unsigned char subkeys_[16][8];  // per round, the eight 6-bit S-box key chunks
+};
+
+// DES3 is triple DES, EDE with three independent keys taken from a 24-byte key: K1 = bytes 0-7,
+// K2 = 8-15, K3 = 16-23. K1 = K2 = K3 gives single DES; that is not checked.
+class DES3 : public BlockCipher {
+ public:
+  explicit DES3(const unsigned char* key) : k1_(key), k2_(key + 8), k3_(key + 16) {}
+  unsigned blockLength() const override { return 8; }
+  void encrypt(const unsigned char* in, unsigned char* out) const override;
+  void decrypt(const unsigned char* in, unsigned char* out) const override;
+
+ private:
+  DES k1_, k2_, k3_;
+};
+
+// NullBlockCipher is the identity on one-byte blocks (factory cipher id 1). It takes no key.
+class NullBlockCipher : public BlockCipher {
+ public:
+  NullBlockCipher() = default;
+  explicit NullBlockCipher(const unsigned char* /*key*/) {}
+  unsigned blockLength() const override { return 1; }
+  void encrypt(const unsigned char* in, unsigned char* out) const override { *out = *in; }
+  void decrypt(const unsigned char* in, unsigned char* out) const override { *out = *in; }
+};
+
+// RC4 stream cipher. Broken; kept for MPPE and PKCS#12. Not a BlockCipher: it is stateful, the
+// keystream position advancing with gen(), encrypt() and skip(); setKey() restarts it.
+class RC4 {
+ public:
+  // setKey runs the key schedule over `len` (1..256) key bytes.
+  void setKey(const unsigned char* key, unsigned len);
+  // gen returns the next keystream byte.
+  unsigned char gen() {
+    unsigned char a = s_[i_];
+    j_ = (j_ + a) & 0xff;
+    unsigned char b = s_[j_];
+    s_[i_] = b;
+    s_[j_] = a;
+    i_ = (i_ + 1) & 0xff;
+    return s_[(a + b) & 0xff];
+  }
+  // encrypt XORs `len` keystream bytes into `in`, writing `out` (encryption and decryption are
+  // the same; `in` and `out` may coincide).
+  void encrypt(const unsigned char* in, unsigned char* out, unsigned len);
+  // skip discards `n` keystream bytes.
+  void skip(unsigned n);
+
+ private:
+  unsigned char s_[256];
+  unsigned i_ = 1;  // the stream index starts at 1: gen() uses it before it advances
+  unsigned j_ = 0;
+};
+
+namespace detail {
+// makeAES builds AES128, AES192 or AES256 for a 16-, 24- or 32-byte key; null for other lengths.
+std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen);
+}  // namespace detail
+
+}  // namespace tessel

@@ -1,0 +1,53 @@
+// The algorithm factory: digests, HMACs, ciphers and AEADs by number.
+//
+// Every result is owned by the caller; an unknown id or a key length that does not fit gives an
+// empty pointer. The host may allow kernel offload (AF_ALG) by setting ol::kernelCrypto before
+// it asks for objects; without it every object is computed in software.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tessel/cipher.h"
+#include "tessel/hash.h"
+
+namespace ol {
+// kernelCrypto allows the factory to hand work to Linux kernel drivers. Default false; read on
+// every factory call.
+extern bool kernelCrypto;
+// experimentalKernelCrypto is defined for the host's use; the library never reads it.
+extern bool experimentalKernelCrypto;
+}  // namespace ol
+
+namespace tessel {
+
+// createHash returns the digest for a HashID: 1 MD5+SHA-1, 2 MD4, 3 MD5, 4 SHA-1, 5 SHA-256,
+// 6 SHA-384, 7 SHA-512.
+std::unique_ptr<Hash> createHash(unsigned id);
+
+// createHMAC returns an HMAC over createHash(id), keyed with `key`, that owns its digest.
+std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key);
+
+// createCipher returns, by id and key length:
+//   1 CBC over the one-byte null cipher (any key, ignored)  2 DES-CBC (8)  3 DES3-CBC (24)
+//   4 AES-CBC (16/24/32)  5 AES-CTR (16/24/32)  6 AES-CFB128 (16)  7 AES-GCM (16/32, tag 16).
+// `tagLength` only matters for kernel GCM; software GCM always uses 16-byte tags.
+std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned tagLength);
+
+// createAead returns an authenticated cipher from a cipher id and a HashID. In software only
+// the CBC ciphers 3 and 4 are offered, as encrypt-then-MAC with HMAC(hashId, macKey)
+// (cbc.h); other cipher ids give an empty pointer.
+std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId, std::span<const unsigned char> cipherKey,
+                                   std::span<const unsigned char> macKey);
+
+namespace detail {
+// prioCrypto picks from a kernel-driver preference list the first non-empty name that occurs
+// in `cryptoInfo` (the text of "/proc/crypto", searched as plain text), else the last entry.
+// An empty list aborts.
+std::string prioCrypto(const std::vector<std::string>& vars, std::string_view cryptoInfo);
+}  // namespace detail
+
+}  // namespace tessel

@@ -1,0 +1,70 @@
+// AES-GCM (NIST SP 800-38D) over an owned 16-byte block cipher, with the table-driven GHASH.
+//
+// One deliberate difference from the standard: an IV shorter than 12 bytes is zero-padded to
+// 12 bytes rather than hashed, so such IVs give other results than other implementations.
+// IVs of 12 bytes behave as the standard's 96-bit IVs, longer ones go through GHASH.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "tessel/assert.h"
+#include "tessel/cipher.h"
+#include "tessel/hash.h"
+
+namespace tessel {
+
+// GHash is GHASH under a hash subkey H as a Hash: update() absorbs data in 16-byte chunks, each
+// call zero-padding its own last partial chunk, and digest() returns the accumulator and
+// clears it. Multiplication by H uses a per-key table of 32 nibble positions x 16 entries.
+class GHash : public Hash {
+ public:
+  using Hash::digest;
+  using Hash::update;
+  explicit GHash(const unsigned char* h);
+  Hash& update(const void* data, unsigned len) override;
+  unsigned blockLength() const override { return 16; }
+  unsigned digestLength() const override { return 16; }
+  void digest(unsigned char* out) override;
+
+ private:
+  struct Element {
+    std::uint64_t hi, lo;  // bytes 0-7 and 8-15, big-endian
+  };
+  void multiply();
+
+  Element table_[32][16];
+  Element x_{0, 0};
+};
+
+// GCMCipher: ciphertextLength(len) = len + 16; decrypt() takes the ciphertext followed by the
+// 16-byte tag and returns its length or all ones when the tag does not match (the plaintext
+// has then been written to `out` all the same and must be discarded). setIV() must precede
+// every message; it derives H and rebuilds the GHASH table each time.
+class GCMCipher : public Cipher {
+ public:
+  explicit GCMCipher(std::unique_ptr<BlockCipher> aes) {
+    TESSEL_ASSERT(aes->blockLength() == 16);
+    aes_ = std::move(aes);
+  }
+  unsigned ciphertextLength(unsigned len) const override { return len + tagLength_; }
+  unsigned blockLength() const override { return 16; }
+  void setIV(const unsigned char* iv, unsigned size) override;
+  void encrypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen,
+               unsigned char* out) override;
+  unsigned decrypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen,
+                   unsigned char* out) override;
+
+ private:
+  // crypt runs the counter over `len` bytes and feeds the ciphertext side to GHASH, then
+  // writes T = GHASH(lengths) XOR E(J0) to `tag`.
+  void crypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen,
+             unsigned char* out, bool decrypting, unsigned char* tag);
+
+  std::unique_ptr<BlockCipher> aes_;
+  std::unique_ptr<GHash> ghash_;
+  unsigned char counter_[16] = {};
+  std::uint8_t tagLength_ = 16;
+};
+
+}  // namespace tessel

@@ -1,0 +1,164 @@
+// AES (FIPS 197), compact and table-free apart from the S-box, its inverse and the round
+// constants. The state is kept transposed: word r holds row r, with column c in bits 8c..8c+7,
+// so ShiftRows rotates each row word and MixColumns works on all four columns at once.
+#include <array>
+#include <bit>
+#include <cstring>
+
+#include "endian.h"
+#include "tessel/block.h"
+
+namespace tessel {
+
+namespace {
+
+// The S-box tables are computed at compile time from the field inverse and the affine map of
+// FIPS 197 section 5.1.1, which gives exactly the values printed there.
+constexpr std::uint8_t gmul(std::uint8_t a, std::uint8_t b) {
+  std::uint8_t r = 0;
+  while (b) {
+    if (b & 1) r ^= a;
+    a = static_cast<std::uint8_t>(a << 1 ^ (a & 0x80 ? 0x1b : 0));
+    b >>= 1;
+  }
+  return r;
+}
+
+constexpr std::array<std::uint8_t, 256> makeSbox() {
+  std::array<std::uint8_t, 256> s{};
+  for (unsigned x = 0; x < 256; ++x) {
+    std::uint8_t inv = 0;
+    for (unsigned y = 1; y < 256 && x; ++y)
+      if (gmul(static_cast<std::uint8_t>(x), static_cast<std::uint8_t>(y)) == 1) inv = static_cast<std::uint8_t>(y);
+    unsigned b = inv, r = 0x63;
+    for (unsigned k = 0; k < 5; ++k) r ^= (b << k | b >> (8 - k)) & 0xff;
+    s[x] = static_cast<std::uint8_t>(r);
+  }
+  return s;
+}
+
+constexpr std::array<std::uint8_t, 256> kSbox = makeSbox();
+
+constexpr std::array<std::uint8_t, 256> makeInvSbox() {
+  std::array<std::uint8_t, 256> s{};
+  for (unsigned x = 0; x < 256; ++x) s[kSbox[x]] = static_cast<std::uint8_t>(x);
+  return s;
+}
+
+constexpr std::array<std::uint8_t, 256> kInvSbox = makeInvSbox();
+static_assert(kSbox[0] == 0x63 && kSbox[0x53] == 0xed && kInvSbox[0x63] == 0);
+
+constexpr std::uint8_t kRcon[10] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0x1b, 0x36};
+
+inline std::uint32_t subWord(std::uint32_t w, const std::array<std::uint8_t, 256>& box) {
+  return std::uint32_t{box[w & 0xff]} | std::uint32_t{box[w >> 8 & 0xff]} << 8 |
+         std::uint32_t{box[w >> 16 & 0xff]} << 16 | std::uint32_t{box[w >> 24]} << 24;
+}
+
+// xtime doubles each of the four bytes of a word in GF(2^8).
+inline std::uint32_t xtime(std::uint32_t w) {
+  return (w & 0x7f7f7f7fu) << 1 ^ ((w >> 7) & 0x01010101u) * 0x1b;
+}
+
+inline void loadState(const unsigned char* in, std::uint32_t s[4]) {
+  for (unsigned r = 0; r < 4; ++r)
+    s[r] = std::uint32_t{in[r]} | std::uint32_t{in[r + 4]} << 8 | std::uint32_t{in[r + 8]} << 16 |
+           std::uint32_t{in[r + 12]} << 24;
+}
+
+inline void storeState(const std::uint32_t s[4], unsigned char* out) {
+  for (unsigned r = 0; r < 4; ++r)
+    for (unsigned c = 0; c < 4; ++c) out[r + 4 * c] = static_cast<unsigned char>(s[r] >> 8 * c);
+}
+
+inline void addRoundKey(std::uint32_t s[4], const std::uint32_t* k) {
+  s[0] ^= k[0];
+  s[1] ^= k[1];
+  s[2] ^= k[2];
+  s[3] ^= k[3];
+}
+
+inline void mixColumns(std::uint32_t s[4]) {
+  std::uint32_t a0 = s[0], a1 = s[1], a2 = s[2], a3 = s[3], t = a0 ^ a1 ^ a2 ^ a3;
+  s[0] = a0 ^ t ^ xtime(a0 ^ a1);
+  s[1] = a1 ^ t ^ xtime(a1 ^ a2);
+  s[2] = a2 ^ t ^ xtime(a2 ^ a3);
+  s[3] = a3 ^ t ^ xtime(a3 ^ a0);
+}
+
+// invMixColumns multiplies by {04}x^2 + {05} first, which turns MixColumns into its inverse.
+inline void invMixColumns(std::uint32_t s[4]) {
+  std::uint32_t u = xtime(xtime(s[0] ^ s[2])), v = xtime(xtime(s[1] ^ s[3]));
+  s[0] ^= u;
+  s[1] ^= v;
+  s[2] ^= u;
+  s[3] ^= v;
+  mixColumns(s);
+}
+
+}  // namespace
+
+void AESBase::expandKey(const unsigned char* key, unsigned nk) {
+  const unsigned total = 4 * (nk + 7);  // 44, 52 or 60 words
+  std::uint32_t w[60];
+  for (unsigned i = 0; i < nk; ++i) w[i] = detail::loadBe32(key + 4 * i);
+  for (unsigned i = nk; i < total; ++i) {
+    std::uint32_t t = w[i - 1];
+    if (i % nk == 0) {
+      t = detail::rotl32(t, 8);
+      t = subWord(t, kSbox) ^ std::uint32_t{kRcon[i / nk - 1]} << 24;
+    } else if (nk == 8 && i % nk == 4) {
+      t = subWord(t, kSbox);
+    }
+    w[i] = w[i - nk] ^ t;
+  }
+  // Column words (row 0 in the top byte) become row words (column 0 in the low byte).
+  for (unsigned k = 0; k < total; k += 4)
+    for (unsigned r = 0; r < 4; ++r) {
+      std::uint32_t row = 0;
+      for (unsigned c = 0; c < 4; ++c) row |= (w[k + c] >> (24 - 8 * r) & 0xff) << 8 * c;
+      roundKeys_[k + r] = row;
+    }
+}
+
+void AESBase::encryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const {
+  std::uint32_t s[4];
+  loadState(in, s);
+  addRoundKey(s, roundKeys_);
+  for (unsigned round = 1;; ++round) {
+    for (unsigned r = 0; r < 4; ++r) s[r] = std::rotr(subWord(s[r], kSbox), static_cast<int>(8 * r));
+    if (round == rounds) break;
+    mixColumns(s);
+    addRoundKey(s, roundKeys_ + 4 * round);
+  }
+  addRoundKey(s, roundKeys_ + 4 * rounds);
+  storeState(s, out);
+}
+
+void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const {
+  std::uint32_t s[4];
+  loadState(in, s);
+  addRoundKey(s, roundKeys_ + 4 * rounds);
+  for (unsigned round = rounds - 1;; --round) {
+    for (unsigned r = 0; r < 4; ++r) s[r] = subWord(std::rotl(s[r], static_cast<int>(8 * r)), kInvSbox);
+    addRoundKey(s, roundKeys_ + 4 * round);
+    if (round == 0) break;
+    invMixColumns(s);
+  }
+  storeState(s, out);
+}
+
+namespace detail {
+
+std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen) {
+  switch (keyLen) {
+    case 16: return std::make_unique<AES128>(key);
+    case 24: return std::make_unique<AES192>(key);
+    case 32: return std::make_unique<AES256>(key);
+    default: return nullptr;
+  }
+}
+
+}  // namespace detail
+
+}  // namespace tessel
