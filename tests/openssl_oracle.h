@@ -40,4 +40,38 @@ inline Bytes opensslDigest(unsigned id, const Bytes& msg) {
   return out;
 }
 
+// opensslCipher runs an EVP cipher without padding over `in` in one call; `iv` may be empty.
+inline Bytes opensslCipher(const EVP_CIPHER* type, const Bytes& key, const Bytes& iv, const Bytes& in, bool encrypt) {
+  legacyProviders();
+  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+  Bytes out(in.size() + 32);
+  int n = 0, tail = 0;
+  bool ok = EVP_CipherInit_ex(ctx, type, nullptr, key.data(), iv.empty() ? nullptr : iv.data(), encrypt) &&
+            EVP_CIPHER_CTX_set_padding(ctx, 0) &&
+            EVP_CipherUpdate(ctx, out.data(), &n, in.data(), static_cast<int>(in.size())) &&
+            EVP_CipherFinal_ex(ctx, out.data() + n, &tail);
+  EVP_CIPHER_CTX_free(ctx);
+  if (!ok) ADD_FAILURE() << "OpenSSL cipher failed";
+  out.resize(static_cast<std::size_t>(n + tail));
+  return out;
+}
+
+// opensslGcmSeal returns ciphertext || 16-byte tag of AES-GCM with OpenSSL's standard IV rule.
+inline Bytes opensslGcmSeal(const Bytes& key, const Bytes& iv, const Bytes& aad, const Bytes& msg) {
+  const EVP_CIPHER* type = key.size() == 16 ? EVP_aes_128_gcm() : key.size() == 24 ? EVP_aes_192_gcm() : EVP_aes_256_gcm();
+  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+  Bytes out(msg.size() + 16);
+  int n = 0, tail = 0;
+  bool ok = EVP_EncryptInit_ex(ctx, type, nullptr, nullptr, nullptr) &&
+            EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()), nullptr) &&
+            EVP_EncryptInit_ex(ctx, nullptr, nullptr, key.data(), iv.data()) &&
+            (aad.empty() || EVP_EncryptUpdate(ctx, nullptr, &n, aad.data(), static_cast<int>(aad.size()))) &&
+            EVP_EncryptUpdate(ctx, out.data(), &n, msg.data(), static_cast<int>(msg.size())) &&
+            EVP_EncryptFinal_ex(ctx, out.data() + n, &tail) &&
+            EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_GET_TAG, 16, out.data() + msg.size());
+  EVP_CIPHER_CTX_free(ctx);
+  if (!ok) ADD_FAILURE() << "OpenSSL GCM failed";
+  return out;
+}
+
 }  // namespace tessel::test

@@ -1,0 +1,148 @@
+#include <memory>
+
+#if TESSEL_HAVE_OPENSSL
+#include "openssl_oracle.h"
+#endif
+#include "support.h"
+#include "tessel/block.h"
+
+namespace tessel {
+namespace {
+
+using test::Bytes;
+using test::fromHex;
+using test::toHex;
+
+// ecb runs a block cipher over whole blocks in place, in either direction.
+Bytes ecb(const BlockCipher& c, Bytes data, bool encrypt) {
+  for (std::size_t at = 0; at < data.size(); at += c.blockLength())
+    encrypt ? c.encrypt(data.data() + at, data.data() + at) : c.decrypt(data.data() + at, data.data() + at);
+  return data;
+}
+
+// Both directions, each in place and into a separate buffer.
+void checkKnownAnswer(const BlockCipher& c, const Bytes& plain, const Bytes& cipher) {
+  EXPECT_EQ(toHex(ecb(c, plain, true)), toHex(cipher));
+  EXPECT_EQ(toHex(ecb(c, cipher, false)), toHex(plain));
+  Bytes out(c.blockLength());
+  c.encrypt(plain.data(), out.data());
+  EXPECT_EQ(toHex(out), toHex(cipher).substr(0, 2 * c.blockLength()));
+}
+
+TEST(Aes, KnownAnswers) {
+  LOAD_VECTORS(cases, "kat/aes.json");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c["id"].get<std::string>());
+    Bytes key = fromHex(c["key"].get<std::string>());
+    auto aes = detail::makeAES(key.data(), key.size());
+    ASSERT_TRUE(aes);
+    checkKnownAnswer(*aes, fromHex(c["plaintext"].get<std::string>()), fromHex(c["ciphertext"].get<std::string>()));
+  }
+  unsigned char key[40] = {};
+  for (std::size_t bad : {0u, 8u, 15u, 17u, 31u, 33u, 40u}) EXPECT_FALSE(detail::makeAES(key, bad)) << bad;
+}
+
+TEST(Des, KnownAnswers) {
+  LOAD_VECTORS(cases, "kat/des.json");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c["id"].get<std::string>());
+    Bytes key = fromHex(c["key"].get<std::string>());
+    Bytes plain = *test::field(c, "plaintext"), cipher = fromHex(c["ciphertext"].get<std::string>());
+    if (key.size() == 8) {
+      checkKnownAnswer(DES(key.data()), plain, cipher);
+      Bytes triple = key;  // K1 = K2 = K3 degrades to single DES
+      for (int i = 0; i < 2; ++i) triple.insert(triple.end(), key.begin(), key.end());
+      checkKnownAnswer(DES3(triple.data()), plain, cipher);
+    } else {
+      checkKnownAnswer(DES3(key.data()), plain, cipher);
+    }
+  }
+}
+
+TEST(NullBlockCipher, CopiesOneByte) {
+  NullBlockCipher c;
+  unsigned char in = 0xa5, out = 0;
+  c.encrypt(&in, &out);
+  EXPECT_EQ(out, 0xa5);
+  out = 0;
+  c.decrypt(&in, &out);
+  EXPECT_EQ(out, 0xa5);
+  EXPECT_EQ(c.blockLength(), 1u);
+}
+
+TEST(Rc4, KeystreamAtOffsetsAndSkip) {
+  LOAD_VECTORS(cases, "kat/rc4.json");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c["id"].get<std::string>());
+    Bytes key = fromHex(c["key"].get<std::string>());
+    RC4 whole, skipped;
+    whole.setKey(key.data(), static_cast<unsigned>(key.size()));
+    Bytes stream(4096 + 16);
+    whole.encrypt(stream.data(), stream.data(), static_cast<unsigned>(stream.size()));  // of zero bytes
+    for (const auto& at : c["keystream_at_offsets"]) {
+      unsigned offset = at["offset"];
+      EXPECT_EQ(toHex(stream.data() + offset, 16), at["keystream"].get<std::string>()) << offset;
+      // skip(n) then encrypt equals encrypt of n + len bytes with the first n dropped; setKey restarts.
+      skipped.setKey(key.data(), static_cast<unsigned>(key.size()));
+      skipped.skip(offset);
+      Bytes part(16);
+      skipped.encrypt(part.data(), part.data(), 16);
+      EXPECT_EQ(toHex(part), at["keystream"].get<std::string>()) << offset;
+    }
+  }
+}
+
+#if TESSEL_HAVE_OPENSSL
+// Random keys and blocks through every block cipher against OpenSSL's ECB.
+TEST(BlockCiphers, MatchOpenSslOnRandomBlocks) {
+  ASSERT_TRUE(test::legacyProviders());
+  struct Row {
+    std::size_t keyLen;
+    const EVP_CIPHER* (*evp)();
+  };
+  const Row rows[] = {{16, EVP_aes_128_ecb}, {24, EVP_aes_192_ecb}, {32, EVP_aes_256_ecb},
+                      {8, EVP_des_ecb},      {24, EVP_des_ede3_ecb}};
+  test::TestRng rng(0xb10c);
+  for (const Row& r : rows) {
+    for (int i = 0; i < 200; ++i) {
+      Bytes key = rng.bytes(r.keyLen);
+      std::unique_ptr<BlockCipher> c;
+      if (r.evp == EVP_des_ecb) c = std::make_unique<DES>(key.data());
+      else if (r.evp == EVP_des_ede3_ecb) c = std::make_unique<DES3>(key.data());
+      else c = detail::makeAES(key.data(), key.size());
+      Bytes plain = rng.bytes(c->blockLength() * (1 + rng.below(8)));
+      Bytes expected = test::opensslCipher(r.evp(), key, {}, plain, true);
+      ASSERT_EQ(toHex(ecb(*c, plain, true)), toHex(expected)) << r.keyLen << " iteration " << i;
+      ASSERT_EQ(toHex(ecb(*c, expected, false)), toHex(plain)) << r.keyLen << " iteration " << i;
+    }
+  }
+}
+
+TEST(Rc4, MatchesOpenSslForRandomKeysAndSplits) {
+  ASSERT_TRUE(test::legacyProviders());
+  test::TestRng rng(0x4c4);
+  for (int i = 0; i < 300; ++i) {
+    Bytes key = rng.bytes(1 + rng.below(256)), msg = rng.bytes(rng.below(3000));
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    ASSERT_TRUE(EVP_CipherInit_ex(ctx, EVP_rc4(), nullptr, nullptr, nullptr, 1));
+    ASSERT_TRUE(EVP_CIPHER_CTX_set_key_length(ctx, static_cast<int>(key.size())));
+    ASSERT_TRUE(EVP_CipherInit_ex(ctx, nullptr, nullptr, key.data(), nullptr, 1));
+    Bytes expected(msg.size());
+    int n = 0;
+    ASSERT_TRUE(EVP_CipherUpdate(ctx, expected.data(), &n, msg.data(), static_cast<int>(msg.size())));
+    EVP_CIPHER_CTX_free(ctx);
+    RC4 rc4;
+    rc4.setKey(key.data(), static_cast<unsigned>(key.size()));
+    Bytes out(msg.size());
+    std::size_t at = 0;
+    for (std::size_t piece : test::randomSplits(rng, msg.size())) {
+      rc4.encrypt(msg.data() + at, out.data() + at, static_cast<unsigned>(piece));
+      at += piece;
+    }
+    ASSERT_EQ(toHex(out), toHex(expected)) << "iteration " << i;
+  }
+}
+#endif
+
+}  // namespace
+}  // namespace tessel
