@@ -8,6 +8,12 @@
 #include "endian.h"
 #include "tessel/block.h"
 
+#if defined(__x86_64__) || defined(__i386__)
+#define TESSEL_AESNI 1
+#include <smmintrin.h>
+#include <wmmintrin.h>
+#endif
+
 namespace tessel {
 
 namespace {
@@ -96,6 +102,51 @@ inline void invMixColumns(std::uint32_t s[4]) {
   mixColumns(s);
 }
 
+bool hardwareAes() {
+#if TESSEL_AESNI
+  static const bool has = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("aes") && __builtin_cpu_supports("sse4.1");
+  }();
+  return has;
+#else
+  return false;
+#endif
+}
+
+bool forcedPortable = false;
+
+#if TESSEL_AESNI
+#define TESSEL_TARGET_AES __attribute__((target("aes,sse4.1")))
+
+TESSEL_TARGET_AES inline __m128i loadKey(const unsigned char* k) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(k));
+}
+
+// hardwareDecryptKeys turns the encryption round keys into those of the equivalent inverse
+// cipher that AESDEC expects.
+TESSEL_TARGET_AES void hardwareDecryptKeys(const unsigned char (*enc)[16], unsigned char (*dec)[16], unsigned rounds) {
+  for (unsigned i = 0; i <= rounds; ++i) {
+    __m128i k = loadKey(enc[rounds - i]);
+    if (i != 0 && i != rounds) k = _mm_aesimc_si128(k);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dec[i]), k);
+  }
+}
+
+TESSEL_TARGET_AES void hardwareRounds(const unsigned char (*keys)[16], unsigned rounds, bool decrypting,
+                                      const unsigned char* in, unsigned char* out) {
+  __m128i b = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in)), loadKey(keys[0]));
+  if (decrypting) {
+    for (unsigned r = 1; r < rounds; ++r) b = _mm_aesdec_si128(b, loadKey(keys[r]));
+    b = _mm_aesdeclast_si128(b, loadKey(keys[rounds]));
+  } else {
+    for (unsigned r = 1; r < rounds; ++r) b = _mm_aesenc_si128(b, loadKey(keys[r]));
+    b = _mm_aesenclast_si128(b, loadKey(keys[rounds]));
+  }
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), b);
+}
+#endif
+
 }  // namespace
 
 void AESBase::expandKey(const unsigned char* key, unsigned nk) {
@@ -119,9 +170,18 @@ void AESBase::expandKey(const unsigned char* key, unsigned nk) {
       for (unsigned c = 0; c < 4; ++c) row |= (w[k + c] >> (24 - 8 * r) & 0xff) << 8 * c;
       roundKeys_[k + r] = row;
     }
+#if TESSEL_AESNI
+  if (hardwareAes()) {
+    for (unsigned i = 0; i < total; ++i) detail::storeBe32(hwKeys_[0][i / 4] + 4 * (i % 4), w[i]);
+    hardwareDecryptKeys(hwKeys_[0], hwKeys_[1], nk + 6);
+  }
+#endif
 }
 
 void AESBase::encryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const {
+#if TESSEL_AESNI
+  if (detail::aesAccelerated()) return hardwareRounds(hwKeys_[0], rounds, false, in, out);
+#endif
   std::uint32_t s[4];
   loadState(in, s);
   addRoundKey(s, roundKeys_);
@@ -136,6 +196,9 @@ void AESBase::encryptRounds(const unsigned char* in, unsigned char* out, unsigne
 }
 
 void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const {
+#if TESSEL_AESNI
+  if (detail::aesAccelerated()) return hardwareRounds(hwKeys_[1], rounds, true, in, out);
+#endif
   std::uint32_t s[4];
   loadState(in, s);
   addRoundKey(s, roundKeys_ + 4 * rounds);
@@ -149,6 +212,10 @@ void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigne
 }
 
 namespace detail {
+
+bool aesAccelerated() { return hardwareAes() && !forcedPortable; }
+
+void forcePortableAes(bool force) { forcedPortable = force; }
 
 std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen) {
   switch (keyLen) {

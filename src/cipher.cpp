@@ -14,7 +14,7 @@ unsigned CBCCipher::ciphertextLength(unsigned len) const {
 }
 
 void CBCCipher::setIV(const unsigned char* value, unsigned size) {
-  std::memcpy(iv, value, std::min(size, 16u));
+  if (size) std::memcpy(iv, value, std::min(size, 16u));
 }
 
 void CBCCipher::encrypt(const unsigned char* in, unsigned len, const unsigned char*, unsigned, unsigned char* out) {

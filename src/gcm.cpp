@@ -78,7 +78,7 @@ void GCMCipher::setIV(const unsigned char* iv, unsigned size) {
   ghash_ = std::make_unique<GHash>(h);
   if (size <= 12) {  // short IVs are zero-padded, not hashed
     std::memset(counter_, 0, sizeof counter_);
-    std::memcpy(counter_, iv, size);
+    if (size) std::memcpy(counter_, iv, size);
     counter_[15] = 1;
   } else {
     unsigned char lengths[16] = {};

@@ -1,3 +1,4 @@
+#include <iostream>
 #include <memory>
 
 #if TESSEL_HAVE_OPENSSL
@@ -40,6 +41,35 @@ TEST(Aes, KnownAnswers) {
   }
   unsigned char key[40] = {};
   for (std::size_t bad : {0u, 8u, 15u, 17u, 31u, 33u, 40u}) EXPECT_FALSE(detail::makeAES(key, bad)) << bad;
+}
+
+bool processorHasAes() {
+#if defined(__x86_64__) || defined(__i386__)
+  return __builtin_cpu_supports("aes") && __builtin_cpu_supports("sse4.1");
+#else
+  return false;
+#endif
+}
+
+// The path in use follows the processor and the test hook, and both paths agree on random
+// keys and blocks in both directions (the vector suites run once per path, see CMakeLists).
+TEST(Aes, BothImplementationsAgree) {
+  EXPECT_EQ(detail::aesAccelerated(), processorHasAes() && !test::portableAesForced());
+  std::cout << "AES path of this run: " << (detail::aesAccelerated() ? "AES instructions" : "portable") << "\n";
+  if (!processorHasAes()) GTEST_SKIP() << "no AES instructions on this processor";
+  test::TestRng rng(0xae5);
+  for (int i = 0; i < 300; ++i) {
+    Bytes key = rng.bytes(16 + 8 * (i % 3)), block = rng.bytes(16 * (1 + rng.below(4)));
+    detail::forcePortableAes(false);
+    ASSERT_TRUE(detail::aesAccelerated());
+    auto aes = detail::makeAES(key.data(), key.size());
+    Bytes fast = ecb(*aes, block, true), fastBack = ecb(*aes, block, false);
+    detail::forcePortableAes(true);
+    ASSERT_FALSE(detail::aesAccelerated());
+    EXPECT_EQ(ecb(*aes, block, true), fast) << i;
+    EXPECT_EQ(ecb(*aes, block, false), fastBack) << i;
+  }
+  detail::forcePortableAes(test::portableAesForced());
 }
 
 TEST(Des, KnownAnswers) {

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "tessel/block.h"
+
 namespace tessel::test {
 
 Bytes fromHex(std::string_view hex) {
@@ -28,6 +30,17 @@ std::string toHex(const unsigned char* data, std::size_t len) {
   for (std::size_t i = 0; i < len; ++i) s += {digits[data[i] >> 4], digits[data[i] & 15]};
   return s;
 }
+
+namespace {
+// TESSEL_PORTABLE_AES=1 runs the whole test process on the portable AES rounds.
+const bool portableAes = [] {
+  const bool force = std::getenv("TESSEL_PORTABLE_AES") != nullptr;
+  if (force) detail::forcePortableAes(true);
+  return force;
+}();
+}  // namespace
+
+bool portableAesForced() { return portableAes; }
 
 std::string vectorsDir() {
   if (const char* env = std::getenv("TESSEL_VECTORS"); env && *env) return env;

@@ -22,6 +22,9 @@ std::string toHex(const unsigned char* data, std::size_t len);
 inline std::string toHex(const Bytes& b) { return toHex(b.data(), b.size()); }
 inline Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
 
+// portableAesForced says whether TESSEL_PORTABLE_AES made this process use the portable AES.
+bool portableAesForced();
+
 // vectorsDir is $TESSEL_VECTORS, or the shared vectors folder beside the checkout.
 std::string vectorsDir();
 

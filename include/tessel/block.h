@@ -22,7 +22,8 @@ class BlockCipher {
 
 // AESBase holds the round keys of AES (FIPS 197), stored transposed: one 32-bit word per state
 // row, so that ShiftRows is a rotation of a word and AddRoundKey four word XORs. The only
-// tables are the S-box, its inverse and the round constants.
+// tables are the S-box, its inverse and the round constants. On x86 processors with the AES
+// instructions the same rounds run through those instead (see detail::aesAccelerated).
 class AESBase : public BlockCipher {
  public:
   unsigned blockLength() const override { return 16; }
@@ -34,6 +35,9 @@ class AESBase : public BlockCipher {
   void decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const;
 
   std::uint32_t roundKeys_[60];  // (rounds + 1) round keys of four row words each
+  // The same round keys in the byte order of the AES instructions, for encryption and (passed
+  // through InvMixColumns) for decryption; filled only when the processor has them.
+  unsigned char hwKeys_[2][15][16];
 };
 
 // AES128 takes a 16-byte key (10 rounds).
@@ -127,6 +131,12 @@ class RC4 {
 };
 
 namespace detail {
+// aesAccelerated says whether AES blocks run through the processor's AES instructions: true
+// when the processor has them and forcePortableAes(true) has not been called.
+bool aesAccelerated();
+// forcePortableAes makes every AES object use (or stop using) the portable rounds, so tests
+// can run each vector through both implementations. Not for concurrent use with AES work.
+void forcePortableAes(bool force);
 // makeAES builds AES128, AES192 or AES256 for a 16-, 24- or 32-byte key; null for other lengths.
 std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen);
 }  // namespace detail
