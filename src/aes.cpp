@@ -145,11 +145,35 @@ TESSEL_TARGET_AES void hardwareRounds(const unsigned char (*keys)[16], unsigned 
   }
   _mm_storeu_si128(reinterpret_cast<__m128i*>(out), b);
 }
+
+// hardwareEncrypt4 runs four independent blocks through the rounds side by side, which hides
+// most of the latency of the AES instructions.
+TESSEL_TARGET_AES void hardwareEncrypt4(const unsigned char (*keys)[16], unsigned rounds, const unsigned char* in,
+                                        unsigned char* out) {
+  const __m128i* src = reinterpret_cast<const __m128i*>(in);
+  __m128i* dst = reinterpret_cast<__m128i*>(out);
+  __m128i k = loadKey(keys[0]);
+  __m128i b0 = _mm_xor_si128(_mm_loadu_si128(src), k), b1 = _mm_xor_si128(_mm_loadu_si128(src + 1), k);
+  __m128i b2 = _mm_xor_si128(_mm_loadu_si128(src + 2), k), b3 = _mm_xor_si128(_mm_loadu_si128(src + 3), k);
+  for (unsigned r = 1; r < rounds; ++r) {
+    k = loadKey(keys[r]);
+    b0 = _mm_aesenc_si128(b0, k);
+    b1 = _mm_aesenc_si128(b1, k);
+    b2 = _mm_aesenc_si128(b2, k);
+    b3 = _mm_aesenc_si128(b3, k);
+  }
+  k = loadKey(keys[rounds]);
+  _mm_storeu_si128(dst, _mm_aesenclast_si128(b0, k));
+  _mm_storeu_si128(dst + 1, _mm_aesenclast_si128(b1, k));
+  _mm_storeu_si128(dst + 2, _mm_aesenclast_si128(b2, k));
+  _mm_storeu_si128(dst + 3, _mm_aesenclast_si128(b3, k));
+}
 #endif
 
 }  // namespace
 
 void AESBase::expandKey(const unsigned char* key, unsigned nk) {
+  rounds_ = nk + 6;
   const unsigned total = 4 * (nk + 7);  // 44, 52 or 60 words
   std::uint32_t w[60];
   for (unsigned i = 0; i < nk; ++i) w[i] = detail::loadBe32(key + 4 * i);
@@ -209,6 +233,15 @@ void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigne
     invMixColumns(s);
   }
   storeState(s, out);
+}
+
+void AESBase::encryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const {
+#if TESSEL_AESNI
+  if (detail::aesAccelerated()) {
+    for (; count >= 4; count -= 4, in += 64, out += 64) hardwareEncrypt4(hwKeys_[0], rounds_, in, out);
+  }
+#endif
+  for (; count; --count, in += 16, out += 16) encryptRounds(in, out, rounds_);
 }
 
 namespace detail {

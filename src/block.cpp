@@ -1,4 +1,6 @@
 // CTR-128 mode functions.
+#include <algorithm>
+
 #include "modes.h"
 #include "tessel/assert.h"
 #include "tessel/cipher.h"
@@ -7,17 +9,16 @@ namespace tessel {
 
 void CTR128_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out) {
   TESSEL_ASSERT(cipher.blockLength() == 16);
-  unsigned char keystream[16];
-  // The keystream goes through a separate block, so running in place is harmless here.
-  for (; len >= 16; len -= 16, in += 16, out += 16) {
-    cipher.encrypt(iv, keystream);
-    detail::incrementCounter32(iv);
-    detail::xorBytes(out, in, keystream, 16);
-  }
-  if (len) {
-    cipher.encrypt(iv, keystream);
-    detail::incrementCounter32(iv);  // the rest of this keystream block is discarded
-    detail::xorBytes(out, in, keystream, len);
+  unsigned char keystream[detail::kCtrBatch * 16];
+  // The keystream goes through a separate buffer, so running in place is harmless here. A
+  // partial last block takes a whole counter value; the rest of its keystream is dropped.
+  while (len) {
+    const unsigned blocks = std::min(detail::kCtrBatch, (len + 15) / 16), n = std::min(len, 16 * blocks);
+    detail::ctrKeystream(cipher, iv, keystream, blocks);
+    detail::xorBytes(out, in, keystream, n);
+    in += n;
+    out += n;
+    len -= n;
   }
 }
 

@@ -1,6 +1,7 @@
 // GHASH and AES-GCM.
 #include "tessel/gcm.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "modes.h"
@@ -90,15 +91,15 @@ void GCMCipher::setIV(const unsigned char* iv, unsigned size) {
 
 void GCMCipher::crypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen,
                       unsigned char* out, bool decrypting, unsigned char* tag) {
-  unsigned char j0[16], keystream[16], lengths[16] = {};
+  unsigned char j0[16], lengths[16] = {};
   std::memcpy(j0, counter_, 16);
   ghash_->update(aad, aadLen);
   detail::storeBe32(lengths + 4, aadLen * 8);
   detail::storeBe32(lengths + 12, len * 8);
+  unsigned char keystream[detail::kCtrBatch * 16];
   while (len) {
-    const unsigned n = len < 16 ? len : 16;
-    detail::incrementCounter32(counter_);
-    aes_->encrypt(counter_, keystream);
+    const unsigned blocks = std::min(detail::kCtrBatch, (len + 15) / 16), n = std::min(len, 16 * blocks);
+    detail::ctrKeystream(*aes_, counter_, keystream, blocks, true);
     if (decrypting) ghash_->update(in, n);  // hash the ciphertext before `out` may overwrite it
     detail::xorBytes(out, in, keystream, n);
     if (!decrypting) ghash_->update(out, n);

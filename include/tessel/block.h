@@ -5,6 +5,7 @@
 // may encrypt and decrypt any number of blocks. Mode objects own them (cipher.h).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -18,6 +19,12 @@ class BlockCipher {
   virtual unsigned blockLength() const = 0;
   virtual void encrypt(const unsigned char* in, unsigned char* out) const = 0;
   virtual void decrypt(const unsigned char* in, unsigned char* out) const = 0;
+  // encryptBlocks encrypts `count` consecutive blocks; ciphers that can overlap the work on
+  // several blocks override it. Appended after the one-block slots, which keep their order.
+  virtual void encryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const {
+    const unsigned b = blockLength();
+    for (std::size_t i = 0; i < count; ++i) encrypt(in + i * b, out + i * b);
+  }
 };
 
 // AESBase holds the round keys of AES (FIPS 197), stored transposed: one 32-bit word per state
@@ -27,6 +34,7 @@ class BlockCipher {
 class AESBase : public BlockCipher {
  public:
   unsigned blockLength() const override { return 16; }
+  void encryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const override;
 
  protected:
   // expandKey fills the round keys from `nk` key words (4, 6 or 8).
@@ -34,6 +42,7 @@ class AESBase : public BlockCipher {
   void encryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const;
   void decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const;
 
+  unsigned rounds_ = 0;
   std::uint32_t roundKeys_[60];  // (rounds + 1) round keys of four row words each
   // The same round keys in the byte order of the AES instructions, for encryption and (passed
   // through InvMixColumns) for decryption; filled only when the processor has them.
