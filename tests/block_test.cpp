@@ -6,6 +6,7 @@
 #endif
 #include "support.h"
 #include "tessel/block.h"
+#include "tessel/gcm.h"
 
 namespace tessel {
 namespace {
@@ -55,7 +56,8 @@ bool processorHasAes() {
 // keys and blocks in both directions (the vector suites run once per path, see CMakeLists).
 TEST(Aes, BothImplementationsAgree) {
   EXPECT_EQ(detail::aesAccelerated(), processorHasAes() && !test::portableAesForced());
-  std::cout << "AES path of this run: " << (detail::aesAccelerated() ? "AES instructions" : "portable") << "\n";
+  std::cout << "AES path of this run: " << (detail::aesAccelerated() ? "AES instructions" : "portable")
+            << "; GHASH: " << (detail::ghashAccelerated() ? "carry-less multiply" : "table") << "\n";
   if (!processorHasAes()) GTEST_SKIP() << "no AES instructions on this processor";
   test::TestRng rng(0xae5);
   for (int i = 0; i < 300; ++i) {

@@ -145,6 +145,28 @@ TEST(Gcm, LengthsAndBadInput) {
   EXPECT_EQ(open(key, iv13, aad, seal(key, iv13, aad, msg)), msg);
 }
 
+// The carry-less multiplier and the table agree on random subkeys and inputs; the vector
+// suites above run once per path (see CMakeLists).
+TEST(Gcm, BothGhashImplementationsAgree) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (!__builtin_cpu_supports("pclmul") || !__builtin_cpu_supports("aes") || !__builtin_cpu_supports("sse4.1"))
+#endif
+    GTEST_SKIP() << "no carry-less multiplication or AES instructions here";
+  test::TestRng rng(0x64a5);
+  for (int i = 0; i < 200; ++i) {
+    Bytes h = rng.bytes(16), data = rng.bytes(rng.below(300));
+    std::vector<Bytes> digests;
+    for (bool portable : {false, true}) {
+      detail::forcePortableAes(portable);
+      ASSERT_EQ(detail::ghashAccelerated(), !portable);
+      GHash g(h.data());
+      digests.push_back(g.update(data).update(data.data(), static_cast<unsigned>(data.size() / 3)).digest());
+    }
+    EXPECT_EQ(digests[0], digests[1]) << i;
+  }
+  detail::forcePortableAes(test::portableAesForced());
+}
+
 TEST(GcmDeathTest, NeedsSixteenByteBlocks) {
   EXPECT_DEATH(GCMCipher(std::make_unique<DES>(Bytes(8).data())),
                "\"aes->blockLength\\(\\) == 16\" failed: file \"../include/tessel/gcm.h\", line [0-9]+, function: GCMCipher");

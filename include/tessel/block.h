@@ -143,8 +143,9 @@ namespace detail {
 // aesAccelerated says whether AES blocks run through the processor's AES instructions: true
 // when the processor has them and forcePortableAes(true) has not been called.
 bool aesAccelerated();
-// forcePortableAes makes every AES object use (or stop using) the portable rounds, so tests
-// can run each vector through both implementations. Not for concurrent use with AES work.
+// forcePortableAes makes every AES object use (or stop using) the portable rounds, and GHASH
+// objects built afterwards use the table multiplier (gcm.h), so tests can run each vector
+// through both implementations. Not for concurrent use with AES work.
 void forcePortableAes(bool force);
 // makeAES builds AES128, AES192 or AES256 for a 16-, 24- or 32-byte key; null for other lengths.
 std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen);

@@ -16,7 +16,9 @@ namespace tessel {
 
 // GHash is GHASH under a hash subkey H as a Hash: update() absorbs data in 16-byte chunks, each
 // call zero-padding its own last partial chunk, and digest() returns the accumulator and
-// clears it. Multiplication by H uses a per-key table of 32 nibble positions x 16 entries.
+// clears it. Multiplication by H uses a per-key table of 32 nibble positions x 16 entries; on
+// x86 processors with carry-less multiplication it uses that instruction instead (see
+// detail::ghashAccelerated; the choice is made when the object is built).
 class GHash : public Hash {
  public:
   using Hash::digest;
@@ -27,15 +29,25 @@ class GHash : public Hash {
   unsigned digestLength() const override { return 16; }
   void digest(unsigned char* out) override;
 
- private:
   struct Element {
-    std::uint64_t hi, lo;  // bytes 0-7 and 8-15, big-endian
+    std::uint64_t hi, lo;  // bytes 0-7 and 8-15 as big-endian numbers
   };
-  void multiply();
+
+ private:
+  void absorb(const unsigned char* blocks, std::size_t count);
 
   Element table_[32][16];
   Element x_{0, 0};
+  Element h_;
+  bool clmul_;
 };
+
+namespace detail {
+// ghashAccelerated says whether new GHash objects multiply with the carry-less multiplication
+// instruction: true when the processor has it and the AES instructions are in use
+// (aesAccelerated in block.h, which forcePortableAes switches off).
+bool ghashAccelerated();
+}  // namespace detail
 
 // GCMCipher: ciphertextLength(len) = len + 16; decrypt() takes the ciphertext followed by the
 // 16-byte tag and returns its length or all ones when the tag does not match (the plaintext
