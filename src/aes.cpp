@@ -8,7 +8,8 @@
 #include "endian.h"
 #include "tessel/block.h"
 
-#if defined(__x86_64__) || defined(__i386__)
+#include "cpu.h"
+#if TESSEL_X86
 #define TESSEL_AESNI 1
 #include <smmintrin.h>
 #include <wmmintrin.h>
@@ -102,18 +103,6 @@ inline void invMixColumns(std::uint32_t s[4]) {
   mixColumns(s);
 }
 
-bool hardwareAes() {
-#if TESSEL_AESNI
-  static const bool has = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("aes") && __builtin_cpu_supports("sse4.1");
-  }();
-  return has;
-#else
-  return false;
-#endif
-}
-
 bool forcedPortable = false;
 
 #if TESSEL_AESNI
@@ -195,7 +184,7 @@ void AESBase::expandKey(const unsigned char* key, unsigned nk) {
       roundKeys_[k + r] = row;
     }
 #if TESSEL_AESNI
-  if (hardwareAes()) {
+  if (detail::cpuFeatures().aes) {
     for (unsigned i = 0; i < total; ++i) detail::storeBe32(hwKeys_[0][i / 4] + 4 * (i % 4), w[i]);
     hardwareDecryptKeys(hwKeys_[0], hwKeys_[1], nk + 6);
   }
@@ -246,7 +235,7 @@ void AESBase::encryptBlocks(const unsigned char* in, unsigned char* out, std::si
 
 namespace detail {
 
-bool aesAccelerated() { return hardwareAes() && !forcedPortable; }
+bool aesAccelerated() { return cpuFeatures().aes && !forcedPortable; }
 
 void forcePortableAes(bool force) { forcedPortable = force; }
 

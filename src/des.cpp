@@ -71,6 +71,24 @@ constexpr std::array<std::uint8_t, 64> makeFP() {
 }
 constexpr std::array<std::uint8_t, 64> kFP = makeFP();
 
+// The 64-bit permutations IP and FP run as eight lookups, one per input byte: entry [k][v] is
+// the permutation of the block that holds byte value v at byte k and zeros elsewhere.
+using ByteTables = std::array<std::array<std::uint64_t, 256>, 8>;
+constexpr ByteTables makeByteTables(const std::uint8_t* table) {
+  ByteTables t{};
+  for (unsigned k = 0; k < 8; ++k)
+    for (unsigned v = 0; v < 256; ++v) t[k][v] = permute(std::uint64_t{v} << (56 - 8 * k), 64, table, 64);
+  return t;
+}
+constexpr ByteTables kIPTables = makeByteTables(kIP);
+constexpr ByteTables kFPTables = makeByteTables(kFP.data());
+
+inline std::uint64_t permuteBytes(const ByteTables& t, std::uint64_t x) {
+  std::uint64_t out = 0;
+  for (unsigned k = 0; k < 8; ++k) out |= t[k][x >> (56 - 8 * k) & 0xff];
+  return out;
+}
+
 // kSP[i][b] is P applied to the output of S-box i for the 6-bit input b, in place in the word.
 constexpr std::array<std::array<std::uint32_t, 64>, 8> makeSP() {
   std::array<std::array<std::uint32_t, 64>, 8> sp{};
@@ -108,14 +126,14 @@ DES::DES(const unsigned char* key) {
 }
 
 void DES::crypt(const unsigned char* in, unsigned char* out, bool decrypting) const {
-  std::uint64_t block = permute(detail::loadBe64(in), 64, kIP, 64);
+  std::uint64_t block = permuteBytes(kIPTables, detail::loadBe64(in));
   std::uint32_t l = static_cast<std::uint32_t>(block >> 32), r = static_cast<std::uint32_t>(block);
   for (unsigned round = 0; round < 16; ++round) {
     std::uint32_t next = l ^ feistel(r, subkeys_[decrypting ? 15 - round : round]);
     l = r;
     r = next;
   }
-  detail::storeBe64(out, permute(std::uint64_t{r} << 32 | l, 64, kFP.data(), 64));
+  detail::storeBe64(out, permuteBytes(kFPTables, std::uint64_t{r} << 32 | l));
 }
 
 void DES::encrypt(const unsigned char* in, unsigned char* out) const { crypt(in, out, false); }

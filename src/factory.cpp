@@ -31,6 +31,19 @@ std::string prioCrypto(const std::vector<std::string>& vars, std::string_view cr
   return vars.back();
 }
 
+std::unique_ptr<Hash> createSoftwareHash(unsigned id) {
+  switch (id) {
+    case hashMd5Sha1: return std::make_unique<MD5SHA1>();
+    case hashMd4: return std::make_unique<MD4>();
+    case hashMd5: return std::make_unique<MD5>();
+    case hashSha1: return std::make_unique<SHA1>();
+    case hashSha256: return std::make_unique<SHA256>();
+    case hashSha384: return std::make_unique<SHA384>();
+    case hashSha512: return std::make_unique<SHA512>();
+    default: return nullptr;
+  }
+}
+
 }  // namespace detail
 
 namespace {
@@ -109,16 +122,7 @@ std::unique_ptr<Hash> createHash(unsigned id) {
   if (std::string driver = hashDriver(id); !driver.empty()) {
     // kernel offload: a KernelHash opened on `driver` goes here.
   }
-  switch (id) {
-    case hashMd5Sha1: return std::make_unique<MD5SHA1>();
-    case hashMd4: return std::make_unique<MD4>();
-    case hashMd5: return std::make_unique<MD5>();
-    case hashSha1: return std::make_unique<SHA1>();
-    case hashSha256: return std::make_unique<SHA256>();
-    case hashSha384: return std::make_unique<SHA384>();
-    case hashSha512: return std::make_unique<SHA512>();
-    default: return nullptr;
-  }
+  return detail::createSoftwareHash(id);
 }
 
 std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key) {

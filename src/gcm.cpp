@@ -6,7 +6,8 @@
 
 #include "modes.h"
 
-#if defined(__x86_64__) || defined(__i386__)
+#include "cpu.h"
+#if TESSEL_X86
 #define TESSEL_CLMUL 1
 #include <tmmintrin.h>
 #include <wmmintrin.h>
@@ -37,18 +38,6 @@ void tableMultiply(const Element (*table)[16], Element& x) {
     acc.lo ^= table[n][nibble].lo;
   }
   x = acc;
-}
-
-bool hardwareClmul() {
-#if TESSEL_CLMUL
-  static const bool has = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3");
-  }();
-  return has;
-#else
-  return false;
-#endif
 }
 
 #if TESSEL_CLMUL
@@ -197,7 +186,7 @@ unsigned GCMCipher::decrypt(const unsigned char* in, unsigned len, const unsigne
 
 namespace detail {
 
-bool ghashAccelerated() { return hardwareClmul() && aesAccelerated(); }
+bool ghashAccelerated() { return cpuFeatures().pclmul && aesAccelerated(); }
 
 }  // namespace detail
 

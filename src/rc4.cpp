@@ -17,7 +17,11 @@ void RC4::setKey(const unsigned char* key, unsigned len) {
 }
 
 void RC4::encrypt(const unsigned char* in, unsigned char* out, unsigned len) {
-  for (unsigned k = 0; k < len; ++k) out[k] = in[k] ^ gen();
+  // The indices stay in locals: stores through `out` could alias the members otherwise.
+  unsigned i = i_, j = j_;
+  for (unsigned k = 0; k < len; ++k) out[k] = in[k] ^ step(s_, i, j);
+  i_ = i;
+  j_ = j;
 }
 
 void RC4::skip(unsigned n) {

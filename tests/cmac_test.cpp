@@ -42,24 +42,19 @@ TEST(Cmac, Rfc4493) {
 // expected one exactly for the valid cases); every other key size produces nothing.
 TEST(Cmac, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_cmac_test.json");
-  int checked = 0;
-  for (const auto& g : file["testGroups"]) {
-    for (const auto& t : g["tests"]) {
-      SCOPED_TRACE("tcId " + std::to_string(t["tcId"].get<int>()));
-      Bytes key = fromHex(t["key"].get<std::string>()), msg = fromHex(t["msg"].get<std::string>());
-      Bytes tag = fromHex(t["tag"].get<std::string>()), out = cmac(key, msg);
-      ++checked;
-      if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
-        EXPECT_EQ(out, Bytes(16, 0xee));  // untouched
-        Bytes k1(16, 0xee), k2(16, 0xee);
-        genCmacSubkey(key.data(), static_cast<unsigned>(key.size()), k1.data(), k2.data());
-        EXPECT_EQ(k1, Bytes(16, 0xee));
-        EXPECT_EQ(k2, Bytes(16, 0xee));
-        continue;
-      }
-      EXPECT_EQ(t["result"] == "valid", toHex(out).substr(0, 2 * tag.size()) == toHex(tag)) << t["comment"];
+  int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
+    Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
+    Bytes tag = fromHex(t["tag"].template get<std::string>()), out = cmac(key, msg);
+    if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
+      EXPECT_EQ(out, Bytes(16, 0xee));  // untouched
+      Bytes k1(16, 0xee), k2(16, 0xee);
+      genCmacSubkey(key.data(), static_cast<unsigned>(key.size()), k1.data(), k2.data());
+      EXPECT_EQ(k1, Bytes(16, 0xee));
+      EXPECT_EQ(k2, Bytes(16, 0xee));
+      return;
     }
-  }
+    EXPECT_EQ(t["result"] == "valid", toHex(out).substr(0, 2 * tag.size()) == toHex(tag)) << t["comment"];
+  });
   EXPECT_EQ(checked, 311);
 }
 
@@ -85,28 +80,23 @@ TEST(Siv, Rfc5297) {
 // Wycheproof gives one associated-data string per case; every case gives its verdict.
 TEST(Siv, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_siv_cmac_test.json");
-  int checked = 0;
-  for (const auto& g : file["testGroups"]) {
-    for (const auto& t : g["tests"]) {
-      SCOPED_TRACE("tcId " + std::to_string(t["tcId"].get<int>()));
-      Bytes key = fromHex(t["key"].get<std::string>()), msg = fromHex(t["msg"].get<std::string>());
-      Bytes ct = fromHex(t["ct"].get<std::string>());
-      std::vector<Bytes> ad = {fromHex(t["aad"].get<std::string>())};
-      AESSIV siv(key);
-      Bytes plain(ct.size() >= 16 ? ct.size() - 16 : 0);
-      const bool opened = siv.decrypt(ct, spans(ad), plain.data());
-      ++checked;
-      if (t["result"] == "valid") {
-        EXPECT_TRUE(opened);
-        EXPECT_EQ(plain, msg);
-        Bytes sealed(msg.size() + 16);
-        EXPECT_TRUE(siv.encrypt(msg, spans(ad), sealed.data()));
-        EXPECT_EQ(toHex(sealed), toHex(ct));
-      } else {
-        EXPECT_FALSE(opened) << t["comment"];
-      }
+  int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
+    Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
+    Bytes ct = fromHex(t["ct"].template get<std::string>());
+    std::vector<Bytes> ad = {fromHex(t["aad"].template get<std::string>())};
+    AESSIV siv(key);
+    Bytes plain(ct.size() >= 16 ? ct.size() - 16 : 0);
+    const bool opened = siv.decrypt(ct, spans(ad), plain.data());
+    if (t["result"] == "valid") {
+      EXPECT_TRUE(opened);
+      EXPECT_EQ(plain, msg);
+      Bytes sealed(msg.size() + 16);
+      EXPECT_TRUE(siv.encrypt(msg, spans(ad), sealed.data()));
+      EXPECT_EQ(toHex(sealed), toHex(ct));
+    } else {
+      EXPECT_FALSE(opened) << t["comment"];
     }
-  }
+  });
   EXPECT_EQ(checked, 442);
 }
 

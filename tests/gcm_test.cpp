@@ -81,34 +81,25 @@ TEST(Gcm, KnownAnswers) {
 TEST(Gcm, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_gcm_test.json");
   std::set<int> ownRule;
-  int checked = 0;
-  for (const auto& g : file["testGroups"]) {
-    for (const auto& t : g["tests"]) {
-      const int id = t["tcId"];
-      SCOPED_TRACE("tcId " + std::to_string(id));
-      Bytes key = fromHex(t["key"].get<std::string>()), iv = fromHex(t["iv"].get<std::string>());
-      Bytes aad = fromHex(t["aad"].get<std::string>()), msg = fromHex(t["msg"].get<std::string>());
-      Bytes sealed = concat(fromHex(t["ct"].get<std::string>()), fromHex(t["tag"].get<std::string>()));
-      ++checked;
-      if (iv.size() < 12) {
-        ownRule.insert(id);
-        Bytes ours = seal(key, iv, aad, msg);
+  int checked = test::forEachWycheproofTest(file, [&](const auto&, const auto& t) {
+    auto hex = [&](const char* name) { return fromHex(t[name].template get<std::string>()); };
+    Bytes key = hex("key"), iv = hex("iv"), aad = hex("aad"), msg = hex("msg"), sealed = concat(hex("ct"), hex("tag"));
+    if (iv.size() < 12) {
+      ownRule.insert(t["tcId"].template get<int>());
+      Bytes ours = seal(key, iv, aad, msg);
 #if TESSEL_HAVE_OPENSSL
-        EXPECT_EQ(toHex(ours), toHex(test::opensslGcmSeal(key, zeroPadded(iv), aad, msg)));
+      EXPECT_EQ(toHex(ours), toHex(test::opensslGcmSeal(key, zeroPadded(iv), aad, msg)));
 #else
-        EXPECT_EQ(toHex(ours), toHex(seal(key, zeroPadded(iv), aad, msg)));
+      EXPECT_EQ(toHex(ours), toHex(seal(key, zeroPadded(iv), aad, msg)));
 #endif
-        EXPECT_EQ(open(key, iv, aad, ours), msg);
-        continue;
-      }
-      if (t["result"] == "valid") {
-        EXPECT_EQ(toHex(seal(key, iv, aad, msg)), toHex(sealed));
-        EXPECT_EQ(open(key, iv, aad, sealed), msg);
-      } else {
-        EXPECT_FALSE(open(key, iv, aad, sealed)) << t["comment"];
-      }
+      EXPECT_EQ(open(key, iv, aad, ours), msg);
+    } else if (t["result"] == "valid") {
+      EXPECT_EQ(toHex(seal(key, iv, aad, msg)), toHex(sealed));
+      EXPECT_EQ(open(key, iv, aad, sealed), msg);
+    } else {
+      EXPECT_FALSE(open(key, iv, aad, sealed)) << t["comment"];
     }
-  }
+  });
   EXPECT_EQ(checked, 316);
   // Specified deviations, all for IVs shorter than 12 bytes (zero-padded, not hashed): the
   // 8-byte IVs 68-70, the small IVs 277-310 (1 to 10 bytes) and the empty IVs 311-316, which

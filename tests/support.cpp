@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "tessel/block.h"
+#include "tessel/factory.h"
 
 namespace tessel::test {
 
@@ -60,18 +61,7 @@ std::optional<Bytes> field(const nlohmann::json& c, const std::string& name) {
   return std::nullopt;
 }
 
-std::unique_ptr<Hash> makeSoftwareHash(unsigned id) {
-  switch (id) {
-    case hashMd5Sha1: return std::make_unique<MD5SHA1>();
-    case hashMd4: return std::make_unique<MD4>();
-    case hashMd5: return std::make_unique<MD5>();
-    case hashSha1: return std::make_unique<SHA1>();
-    case hashSha256: return std::make_unique<SHA256>();
-    case hashSha384: return std::make_unique<SHA384>();
-    case hashSha512: return std::make_unique<SHA512>();
-    default: return nullptr;
-  }
-}
+std::unique_ptr<Hash> makeSoftwareHash(unsigned id) { return detail::createSoftwareHash(id); }
 
 std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total) {
   std::vector<std::size_t> pieces;

@@ -35,6 +35,20 @@ std::optional<nlohmann::json> loadVectors(const std::string& relativePath);
 // only that is given. Absent or null gives nullopt.
 std::optional<Bytes> field(const nlohmann::json& c, const std::string& name);
 
+// forEachWycheproofTest calls fn(group, test) for every test of a Wycheproof file, under a
+// trace naming its tcId, and returns how many there were.
+template <class Fn>
+int forEachWycheproofTest(const nlohmann::json& file, Fn fn) {
+  int count = 0;
+  for (const auto& group : file["testGroups"])
+    for (const auto& t : group["tests"]) {
+      SCOPED_TRACE("tcId " + std::to_string(t["tcId"].get<int>()));
+      fn(group, t);
+      ++count;
+    }
+  return count;
+}
+
 // makeSoftwareHash returns the software digest for a HashID (1..7), or null.
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
 

@@ -118,15 +118,7 @@ class RC4 {
   // setKey runs the key schedule over `len` (1..256) key bytes.
   void setKey(const unsigned char* key, unsigned len);
   // gen returns the next keystream byte.
-  unsigned char gen() {
-    unsigned char a = s_[i_];
-    j_ = (j_ + a) & 0xff;
-    unsigned char b = s_[j_];
-    s_[i_] = b;
-    s_[j_] = a;
-    i_ = (i_ + 1) & 0xff;
-    return s_[(a + b) & 0xff];
-  }
+  unsigned char gen() { return step(s_, i_, j_); }
   // encrypt XORs `len` keystream bytes into `in`, writing `out` (encryption and decryption are
   // the same; `in` and `out` may coincide).
   void encrypt(const unsigned char* in, unsigned char* out, unsigned len);
@@ -134,6 +126,17 @@ class RC4 {
   void skip(unsigned n);
 
  private:
+  // step is one round of the generator on the given state.
+  static unsigned char step(unsigned char* s, unsigned& i, unsigned& j) {
+    const unsigned char a = s[i];
+    j = (j + a) & 0xff;
+    const unsigned char b = s[j];
+    s[i] = b;
+    s[j] = a;
+    i = (i + 1) & 0xff;
+    return s[(a + b) & 0xff];
+  }
+
   unsigned char s_[256];
   unsigned i_ = 1;  // the stream index starts at 1: gen() uses it before it advances
   unsigned j_ = 0;

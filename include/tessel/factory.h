@@ -44,6 +44,10 @@ std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId, std::span
                                    std::span<const unsigned char> macKey);
 
 namespace detail {
+// createSoftwareHash builds the software digest for a HashID (the factory's choice when no
+// kernel driver applies); null for unknown ids.
+std::unique_ptr<Hash> createSoftwareHash(unsigned id);
+
 // prioCrypto picks from a kernel-driver preference list the first non-empty name that occurs
 // in `cryptoInfo` (the text of "/proc/crypto", searched as plain text), else the last entry.
 // An empty list aborts.
