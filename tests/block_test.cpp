@@ -128,20 +128,19 @@ TEST(Rc4, KeystreamAtOffsetsAndSkip) {
 // Random keys and blocks through every block cipher against OpenSSL's ECB.
 TEST(BlockCiphers, MatchOpenSslOnRandomBlocks) {
   ASSERT_TRUE(test::legacyProviders());
+  using enum test::BlockKind;
   struct Row {
+    test::BlockKind kind;
     std::size_t keyLen;
     const EVP_CIPHER* (*evp)();
   };
-  const Row rows[] = {{16, EVP_aes_128_ecb}, {24, EVP_aes_192_ecb}, {32, EVP_aes_256_ecb},
-                      {8, EVP_des_ecb},      {24, EVP_des_ede3_ecb}};
+  const Row rows[] = {{aes, 16, EVP_aes_128_ecb}, {aes, 24, EVP_aes_192_ecb}, {aes, 32, EVP_aes_256_ecb},
+                      {des, 8, EVP_des_ecb},      {des3, 24, EVP_des_ede3_ecb}};
   test::TestRng rng(0xb10c);
   for (const Row& r : rows) {
     for (int i = 0; i < 200; ++i) {
       Bytes key = rng.bytes(r.keyLen);
-      std::unique_ptr<BlockCipher> c;
-      if (r.evp == EVP_des_ecb) c = std::make_unique<DES>(key.data());
-      else if (r.evp == EVP_des_ede3_ecb) c = std::make_unique<DES3>(key.data());
-      else c = detail::makeAES(key.data(), key.size());
+      auto c = test::makeBlockCipher(r.kind, key);
       Bytes plain = rng.bytes(c->blockLength() * (1 + rng.below(8)));
       Bytes expected = test::opensslCipher(r.evp(), key, {}, plain, true);
       ASSERT_EQ(toHex(ecb(*c, plain, true)), toHex(expected)) << r.keyLen << " iteration " << i;

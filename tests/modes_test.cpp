@@ -154,24 +154,24 @@ TEST(ModesDeathTest, AssertionsNameTheirFiles) {
 // DES and triple DES, against OpenSSL. CTR counters start low enough never to cross 2^32.
 TEST(Modes, MatchOpenSslForRandomInputsAndSplits) {
   ASSERT_TRUE(test::legacyProviders());
+  using enum test::BlockKind;
   struct Row {
     const char* mode;
+    test::BlockKind kind;
     std::size_t keyLen;
     const EVP_CIPHER* (*evp)();
   };
-  const Row rows[] = {{"CBC", 16, EVP_aes_128_cbc},    {"CBC", 24, EVP_aes_192_cbc},    {"CBC", 32, EVP_aes_256_cbc},
-                      {"CFB", 16, EVP_aes_128_cfb128}, {"CFB", 24, EVP_aes_192_cfb128}, {"CFB", 32, EVP_aes_256_cfb128},
-                      {"CTR", 16, EVP_aes_128_ctr},    {"CTR", 24, EVP_aes_192_ctr},    {"CTR", 32, EVP_aes_256_ctr},
-                      {"CBC", 8, EVP_des_cbc},         {"CBC", 24, EVP_des_ede3_cbc}};
+  const Row rows[] = {
+      {"CBC", aes, 16, EVP_aes_128_cbc},    {"CBC", aes, 24, EVP_aes_192_cbc},    {"CBC", aes, 32, EVP_aes_256_cbc},
+      {"CFB", aes, 16, EVP_aes_128_cfb128}, {"CFB", aes, 24, EVP_aes_192_cfb128}, {"CFB", aes, 32, EVP_aes_256_cfb128},
+      {"CTR", aes, 16, EVP_aes_128_ctr},    {"CTR", aes, 24, EVP_aes_192_ctr},    {"CTR", aes, 32, EVP_aes_256_ctr},
+      {"CBC", des, 8, EVP_des_cbc},         {"CBC", des3, 24, EVP_des_ede3_cbc}};
   test::TestRng rng(0x30de5);
   for (const Row& r : rows) {
     const Mode& m = modeNamed(r.mode);
     for (int i = 0; i < 150; ++i) {
       Bytes key = rng.bytes(r.keyLen);
-      std::unique_ptr<BlockCipher> c;
-      if (r.evp == EVP_des_cbc) c = std::make_unique<DES>(key.data());
-      else if (r.evp == EVP_des_ede3_cbc) c = std::make_unique<DES3>(key.data());
-      else c = detail::makeAES(key.data(), key.size());
+      auto c = test::makeBlockCipher(r.kind, key);
       const std::size_t b = c->blockLength();
       Bytes iv = rng.bytes(b);
       if (m.encrypt == CTR128_encrypt) iv[12] = 0;  // at most 2^24 blocks from the wrap

@@ -61,6 +61,15 @@ std::optional<Bytes> field(const nlohmann::json& c, const std::string& name) {
   return std::nullopt;
 }
 
+std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key) {
+  switch (kind) {
+    case BlockKind::null: return std::make_unique<NullBlockCipher>();
+    case BlockKind::des: return std::make_unique<DES>(key.data());
+    case BlockKind::des3: return std::make_unique<DES3>(key.data());
+    default: return detail::makeAES(key.data(), key.size());
+  }
+}
+
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id) { return detail::createSoftwareHash(id); }
 
 std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total) {

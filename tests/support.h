@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tessel/block.h"
 #include "tessel/hash.h"
 
 namespace tessel::test {
@@ -48,6 +49,10 @@ int forEachWycheproofTest(const nlohmann::json& file, Fn fn) {
     }
   return count;
 }
+
+// makeBlockCipher builds a block cipher of a kind from `key` (AES by its length).
+enum class BlockKind { null, des, des3, aes };
+std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key);
 
 // makeSoftwareHash returns the software digest for a HashID (1..7), or null.
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
