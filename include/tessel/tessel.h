@@ -5,6 +5,7 @@
 #include "ol/file.h"
 #include "ol/ipaddr.h"
 #include "tessel/assert.h"
+#include "tessel/cpu.h"
 #include "tessel/hash.h"
 #include "tessel/hmac.h"
 #include "tessel/rng.h"
