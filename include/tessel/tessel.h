@@ -10,4 +10,6 @@
 #include "tessel/cpu.h"
 #include "tessel/hash.h"
 #include "tessel/hmac.h"
+#include "tessel/names.h"
 #include "tessel/rng.h"
+#include "tessel/timepoint.h"
