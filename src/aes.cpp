@@ -8,8 +8,8 @@
 #include "endian.h"
 #include "tessel/block.h"
 
-#include "cpu.h"
-#if TESSEL_X86
+#include "tessel/cpu.h"
+#if defined(__x86_64__) || defined(__i386__)
 #define TESSEL_AESNI 1
 #include <smmintrin.h>
 #include <wmmintrin.h>
@@ -103,8 +103,6 @@ inline void invMixColumns(std::uint32_t s[4]) {
   mixColumns(s);
 }
 
-bool forcedPortable = false;
-
 #if TESSEL_AESNI
 #define TESSEL_TARGET_AES __attribute__((target("aes,sse4.1")))
 
@@ -184,7 +182,7 @@ void AESBase::expandKey(const unsigned char* key, unsigned nk) {
       roundKeys_[k + r] = row;
     }
 #if TESSEL_AESNI
-  if (detail::cpuFeatures().aes) {
+  if (cpuHasAesInstructions()) {
     for (unsigned i = 0; i < total; ++i) detail::storeBe32(hwKeys_[0][i / 4] + 4 * (i % 4), w[i]);
     hardwareDecryptKeys(hwKeys_[0], hwKeys_[1], nk + 6);
   }
@@ -193,7 +191,7 @@ void AESBase::expandKey(const unsigned char* key, unsigned nk) {
 
 void AESBase::encryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const {
 #if TESSEL_AESNI
-  if (detail::aesAccelerated()) return hardwareRounds(hwKeys_[0], rounds, false, in, out);
+  if (aesInstructionsInUse()) return hardwareRounds(hwKeys_[0], rounds, false, in, out);
 #endif
   std::uint32_t s[4];
   loadState(in, s);
@@ -210,7 +208,7 @@ void AESBase::encryptRounds(const unsigned char* in, unsigned char* out, unsigne
 
 void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const {
 #if TESSEL_AESNI
-  if (detail::aesAccelerated()) return hardwareRounds(hwKeys_[1], rounds, true, in, out);
+  if (aesInstructionsInUse()) return hardwareRounds(hwKeys_[1], rounds, true, in, out);
 #endif
   std::uint32_t s[4];
   loadState(in, s);
@@ -226,7 +224,7 @@ void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigne
 
 void AESBase::encryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const {
 #if TESSEL_AESNI
-  if (detail::aesAccelerated()) {
+  if (aesInstructionsInUse()) {
     for (; count >= 4; count -= 4, in += 64, out += 64) hardwareEncrypt4(hwKeys_[0], rounds_, in, out);
   }
 #endif
@@ -234,10 +232,6 @@ void AESBase::encryptBlocks(const unsigned char* in, unsigned char* out, std::si
 }
 
 namespace detail {
-
-bool aesAccelerated() { return cpuFeatures().aes && !forcedPortable; }
-
-void forcePortableAes(bool force) { forcedPortable = force; }
 
 std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen) {
   switch (keyLen) {

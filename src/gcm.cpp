@@ -6,8 +6,8 @@
 
 #include "modes.h"
 
-#include "cpu.h"
-#if TESSEL_X86
+#include "tessel/cpu.h"
+#if defined(__x86_64__) || defined(__i386__)
 #define TESSEL_CLMUL 1
 #include <tmmintrin.h>
 #include <wmmintrin.h>
@@ -85,7 +85,7 @@ TESSEL_TARGET_CLMUL void clmulAbsorb(Element h, Element& x, const unsigned char*
 }  // namespace
 
 GHash::GHash(const unsigned char* h)
-    : h_{detail::loadBe64(h), detail::loadBe64(h + 8)}, clmul_(detail::ghashAccelerated()) {
+    : h_{detail::loadBe64(h), detail::loadBe64(h + 8)}, clmul_(carrylessMultiplyInUse()) {
   if (clmul_) return;  // the table is only needed without the instruction
   Element v = h_;
   for (auto& row : table_) {
@@ -183,11 +183,5 @@ unsigned GCMCipher::decrypt(const unsigned char* in, unsigned len, const unsigne
   crypt(in, payload, aad, aadLen, out, true, tag);
   return detail::constantTimeEqual(tag, in + payload, tagLength_) ? payload : decryptFailed;
 }
-
-namespace detail {
-
-bool ghashAccelerated() { return cpuFeatures().pclmul && aesAccelerated(); }
-
-}  // namespace detail
 
 }  // namespace tessel

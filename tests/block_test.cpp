@@ -6,7 +6,7 @@
 #endif
 #include "support.h"
 #include "tessel/block.h"
-#include "tessel/gcm.h"
+#include "tessel/cpu.h"
 
 namespace tessel {
 namespace {
@@ -33,45 +33,29 @@ void checkKnownAnswer(const BlockCipher& c, const Bytes& plain, const Bytes& cip
 
 TEST(Aes, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/aes.json");
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c["id"].get<std::string>());
-    Bytes key = fromHex(c["key"].get<std::string>());
-    auto aes = detail::makeAES(key.data(), key.size());
-    ASSERT_TRUE(aes);
-    checkKnownAnswer(*aes, fromHex(c["plaintext"].get<std::string>()), fromHex(c["ciphertext"].get<std::string>()));
-  }
-  unsigned char key[40] = {};
-  for (std::size_t bad : {0u, 8u, 15u, 17u, 31u, 33u, 40u}) EXPECT_FALSE(detail::makeAES(key, bad)) << bad;
+  test::forEachAesPath([&] {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c["id"].get<std::string>());
+      Bytes key = fromHex(c["key"].get<std::string>());
+      auto aes = detail::makeAES(key.data(), key.size());
+      ASSERT_TRUE(aes);
+      checkKnownAnswer(*aes, fromHex(c["plaintext"].get<std::string>()), fromHex(c["ciphertext"].get<std::string>()));
+    }
+    unsigned char key[40] = {};
+    for (std::size_t bad : {0u, 8u, 15u, 17u, 31u, 33u, 40u}) EXPECT_FALSE(detail::makeAES(key, bad)) << bad;
+  });
 }
 
-bool processorHasAes() {
-#if defined(__x86_64__) || defined(__i386__)
-  return __builtin_cpu_supports("aes") && __builtin_cpu_supports("sse4.1");
-#else
-  return false;
-#endif
-}
-
-// The path in use follows the processor and the test hook, and both paths agree on random
-// keys and blocks in both directions (the vector suites run once per path, see CMakeLists).
-TEST(Aes, BothImplementationsAgree) {
-  EXPECT_EQ(detail::aesAccelerated(), processorHasAes() && !test::portableAesForced());
-  std::cout << "AES path of this run: " << (detail::aesAccelerated() ? "AES instructions" : "portable")
-            << "; GHASH: " << (detail::ghashAccelerated() ? "carry-less multiply" : "table") << "\n";
-  if (!processorHasAes()) GTEST_SKIP() << "no AES instructions on this processor";
-  test::TestRng rng(0xae5);
-  for (int i = 0; i < 300; ++i) {
-    Bytes key = rng.bytes(16 + 8 * (i % 3)), block = rng.bytes(16 * (1 + rng.below(4)));
-    detail::forcePortableAes(false);
-    ASSERT_TRUE(detail::aesAccelerated());
-    auto aes = detail::makeAES(key.data(), key.size());
-    Bytes fast = ecb(*aes, block, true), fastBack = ecb(*aes, block, false);
-    detail::forcePortableAes(true);
-    ASSERT_FALSE(detail::aesAccelerated());
-    EXPECT_EQ(ecb(*aes, block, true), fast) << i;
-    EXPECT_EQ(ecb(*aes, block, false), fastBack) << i;
-  }
-  detail::forcePortableAes(test::portableAesForced());
+// The AES and GHASH paths follow the processor and the portable switch.
+TEST(Aes, CodePathFollowsProcessorAndSwitch) {
+  EXPECT_EQ(aesInstructionsInUse(), cpuHasAesInstructions());
+  EXPECT_EQ(carrylessMultiplyInUse(), cpuHasAesInstructions() && cpuHasCarrylessMultiply());
+  forcePortable(true);
+  EXPECT_FALSE(aesInstructionsInUse());
+  EXPECT_FALSE(carrylessMultiplyInUse());
+  forcePortable(false);
+  std::cout << "AES instructions: " << cpuHasAesInstructions() << ", carry-less multiply: " << cpuHasCarrylessMultiply()
+            << "\n";
 }
 
 TEST(Des, KnownAnswers) {
@@ -128,25 +112,27 @@ TEST(Rc4, KeystreamAtOffsetsAndSkip) {
 // Random keys and blocks through every block cipher against OpenSSL's ECB.
 TEST(BlockCiphers, MatchOpenSslOnRandomBlocks) {
   ASSERT_TRUE(test::legacyProviders());
-  using enum test::BlockKind;
-  struct Row {
-    test::BlockKind kind;
-    std::size_t keyLen;
-    const EVP_CIPHER* (*evp)();
-  };
-  const Row rows[] = {{aes, 16, EVP_aes_128_ecb}, {aes, 24, EVP_aes_192_ecb}, {aes, 32, EVP_aes_256_ecb},
-                      {des, 8, EVP_des_ecb},      {des3, 24, EVP_des_ede3_ecb}};
-  test::TestRng rng(0xb10c);
-  for (const Row& r : rows) {
-    for (int i = 0; i < 200; ++i) {
-      Bytes key = rng.bytes(r.keyLen);
-      auto c = test::makeBlockCipher(r.kind, key);
-      Bytes plain = rng.bytes(c->blockLength() * (1 + rng.below(8)));
-      Bytes expected = test::opensslCipher(r.evp(), key, {}, plain, true);
-      ASSERT_EQ(toHex(ecb(*c, plain, true)), toHex(expected)) << r.keyLen << " iteration " << i;
-      ASSERT_EQ(toHex(ecb(*c, expected, false)), toHex(plain)) << r.keyLen << " iteration " << i;
+  test::forEachAesPath([&] {
+    using enum test::BlockKind;
+    struct Row {
+      test::BlockKind kind;
+      std::size_t keyLen;
+      const EVP_CIPHER* (*evp)();
+    };
+    const Row rows[] = {{aes, 16, EVP_aes_128_ecb}, {aes, 24, EVP_aes_192_ecb}, {aes, 32, EVP_aes_256_ecb},
+                        {des, 8, EVP_des_ecb},      {des3, 24, EVP_des_ede3_ecb}};
+    test::TestRng rng(0xb10c);
+    for (const Row& r : rows) {
+      for (int i = 0; i < 200; ++i) {
+        Bytes key = rng.bytes(r.keyLen);
+        auto c = test::makeBlockCipher(r.kind, key);
+        Bytes plain = rng.bytes(c->blockLength() * (1 + rng.below(8)));
+        Bytes expected = test::opensslCipher(r.evp(), key, {}, plain, true);
+        ASSERT_EQ(toHex(ecb(*c, plain, true)), toHex(expected)) << r.keyLen << " iteration " << i;
+        ASSERT_EQ(toHex(ecb(*c, expected, false)), toHex(plain)) << r.keyLen << " iteration " << i;
+      }
     }
-  }
+  });
 }
 
 TEST(Rc4, MatchesOpenSslForRandomKeysAndSplits) {

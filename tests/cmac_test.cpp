@@ -22,82 +22,90 @@ Bytes cmac(const Bytes& key, const Bytes& msg) {
 
 TEST(Cmac, Rfc4493) {
   LOAD_VECTORS(cases, "kat/cmac.json");
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c["id"].get<std::string>());
-    Bytes key = *test::field(c, "key");
-    if (c.contains("k1")) {
-      Bytes k1(16), k2(16);
-      genCmacSubkey(key.data(), k1.data(), k2.data());
-      EXPECT_EQ(toHex(k1), c["k1"].get<std::string>());
-      EXPECT_EQ(toHex(k2), c["k2"].get<std::string>());
-      continue;
+  test::forEachAesPath([&] {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c["id"].get<std::string>());
+      Bytes key = *test::field(c, "key");
+      if (c.contains("k1")) {
+        Bytes k1(16), k2(16);
+        genCmacSubkey(key.data(), k1.data(), k2.data());
+        EXPECT_EQ(toHex(k1), c["k1"].get<std::string>());
+        EXPECT_EQ(toHex(k2), c["k2"].get<std::string>());
+        continue;
+      }
+      Bytes msg = *test::field(c, "message"), out(16);
+      aesCmac128(key.data(), msg.data(), static_cast<unsigned>(msg.size()), out.data());
+      EXPECT_EQ(toHex(out), c["tag"].get<std::string>());
     }
-    Bytes msg = *test::field(c, "message"), out(16);
-    aesCmac128(key.data(), msg.data(), static_cast<unsigned>(msg.size()), out.data());
-    EXPECT_EQ(toHex(out), c["tag"].get<std::string>());
-  }
+  });
 }
 
 // Wycheproof: 16-, 24- and 32-byte keys give the expected verdict (a tag equal to the
 // expected one exactly for the valid cases); every other key size produces nothing.
 TEST(Cmac, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_cmac_test.json");
-  int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
-    Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
-    Bytes tag = fromHex(t["tag"].template get<std::string>()), out = cmac(key, msg);
-    if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
-      EXPECT_EQ(out, Bytes(16, 0xee));  // untouched
-      Bytes k1(16, 0xee), k2(16, 0xee);
-      genCmacSubkey(key.data(), static_cast<unsigned>(key.size()), k1.data(), k2.data());
-      EXPECT_EQ(k1, Bytes(16, 0xee));
-      EXPECT_EQ(k2, Bytes(16, 0xee));
-      return;
-    }
-    EXPECT_EQ(t["result"] == "valid", toHex(out).substr(0, 2 * tag.size()) == toHex(tag)) << t["comment"];
+  test::forEachAesPath([&] {
+    int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
+      Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
+      Bytes tag = fromHex(t["tag"].template get<std::string>()), out = cmac(key, msg);
+      if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
+        EXPECT_EQ(out, Bytes(16, 0xee));  // untouched
+        Bytes k1(16, 0xee), k2(16, 0xee);
+        genCmacSubkey(key.data(), static_cast<unsigned>(key.size()), k1.data(), k2.data());
+        EXPECT_EQ(k1, Bytes(16, 0xee));
+        EXPECT_EQ(k2, Bytes(16, 0xee));
+        return;
+      }
+      EXPECT_EQ(t["result"] == "valid", toHex(out).substr(0, 2 * tag.size()) == toHex(tag)) << t["comment"];
+    });
+    EXPECT_EQ(checked, 311);
   });
-  EXPECT_EQ(checked, 311);
 }
 
 Spans spans(const std::vector<Bytes>& parts) { return Spans(parts.begin(), parts.end()); }
 
 TEST(Siv, Rfc5297) {
   LOAD_VECTORS(cases, "kat/siv.json");
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c["id"].get<std::string>());
-    Bytes key = *test::field(c, "key"), plain = *test::field(c, "plaintext");
-    std::vector<Bytes> ad;
-    for (const auto& a : c["associated_data"]) ad.push_back(fromHex(a.get<std::string>()));
-    if (!c["nonce"].is_null()) ad.push_back(*test::field(c, "nonce"));  // the nonce is the last AD string
-    AESSIV siv(key);
-    Bytes out(plain.size() + 16), back(plain.size());
-    ASSERT_TRUE(siv.encrypt(plain, spans(ad), out.data()));
-    EXPECT_EQ(toHex(out), c["output"].get<std::string>());
-    ASSERT_TRUE(siv.decrypt(out, spans(ad), back.data()));
-    EXPECT_EQ(back, plain);
-  }
+  test::forEachAesPath([&] {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c["id"].get<std::string>());
+      Bytes key = *test::field(c, "key"), plain = *test::field(c, "plaintext");
+      std::vector<Bytes> ad;
+      for (const auto& a : c["associated_data"]) ad.push_back(fromHex(a.get<std::string>()));
+      if (!c["nonce"].is_null()) ad.push_back(*test::field(c, "nonce"));  // the nonce is the last AD string
+      AESSIV siv(key);
+      Bytes out(plain.size() + 16), back(plain.size());
+      ASSERT_TRUE(siv.encrypt(plain, spans(ad), out.data()));
+      EXPECT_EQ(toHex(out), c["output"].get<std::string>());
+      ASSERT_TRUE(siv.decrypt(out, spans(ad), back.data()));
+      EXPECT_EQ(back, plain);
+    }
+  });
 }
 
 // Wycheproof gives one associated-data string per case; every case gives its verdict.
 TEST(Siv, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_siv_cmac_test.json");
-  int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
-    Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
-    Bytes ct = fromHex(t["ct"].template get<std::string>());
-    std::vector<Bytes> ad = {fromHex(t["aad"].template get<std::string>())};
-    AESSIV siv(key);
-    Bytes plain(ct.size() >= 16 ? ct.size() - 16 : 0);
-    const bool opened = siv.decrypt(ct, spans(ad), plain.data());
-    if (t["result"] == "valid") {
-      EXPECT_TRUE(opened);
-      EXPECT_EQ(plain, msg);
-      Bytes sealed(msg.size() + 16);
-      EXPECT_TRUE(siv.encrypt(msg, spans(ad), sealed.data()));
-      EXPECT_EQ(toHex(sealed), toHex(ct));
-    } else {
-      EXPECT_FALSE(opened) << t["comment"];
-    }
+  test::forEachAesPath([&] {
+    int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
+      Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
+      Bytes ct = fromHex(t["ct"].template get<std::string>());
+      std::vector<Bytes> ad = {fromHex(t["aad"].template get<std::string>())};
+      AESSIV siv(key);
+      Bytes plain(ct.size() >= 16 ? ct.size() - 16 : 0);
+      const bool opened = siv.decrypt(ct, spans(ad), plain.data());
+      if (t["result"] == "valid") {
+        EXPECT_TRUE(opened);
+        EXPECT_EQ(plain, msg);
+        Bytes sealed(msg.size() + 16);
+        EXPECT_TRUE(siv.encrypt(msg, spans(ad), sealed.data()));
+        EXPECT_EQ(toHex(sealed), toHex(ct));
+      } else {
+        EXPECT_FALSE(opened) << t["comment"];
+      }
+    });
+    EXPECT_EQ(checked, 442);
   });
-  EXPECT_EQ(checked, 442);
 }
 
 TEST(Siv, EdgeCases) {
@@ -132,22 +140,24 @@ TEST(Siv, EdgeCases) {
 
 #if TESSEL_HAVE_OPENSSL
 TEST(Cmac, MatchesOpenSslForRandomInputs) {
-  test::TestRng rng(0xc3ac);
-  EVP_MAC* mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
-  ASSERT_TRUE(mac);
-  for (int i = 0; i < 300; ++i) {
-    Bytes key = rng.bytes(16 + 8 * (i % 3)), msg = rng.bytes(rng.below(200));
-    const char* name = key.size() == 16 ? "AES-128-CBC" : key.size() == 24 ? "AES-192-CBC" : "AES-256-CBC";
-    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string("cipher", const_cast<char*>(name), 0), OSSL_PARAM_construct_end()};
-    EVP_MAC_CTX* ctx = EVP_MAC_CTX_new(mac);
-    Bytes expected(16);
-    std::size_t n = 0;
-    ASSERT_TRUE(EVP_MAC_init(ctx, key.data(), key.size(), params) && EVP_MAC_update(ctx, msg.data(), msg.size()) &&
-                EVP_MAC_final(ctx, expected.data(), &n, 16));
-    EVP_MAC_CTX_free(ctx);
-    ASSERT_EQ(toHex(cmac(key, msg)), toHex(expected)) << i;
-  }
-  EVP_MAC_free(mac);
+  test::forEachAesPath([&] {
+    test::TestRng rng(0xc3ac);
+    EVP_MAC* mac = EVP_MAC_fetch(nullptr, "CMAC", nullptr);
+    ASSERT_TRUE(mac);
+    for (int i = 0; i < 300; ++i) {
+      Bytes key = rng.bytes(16 + 8 * (i % 3)), msg = rng.bytes(rng.below(200));
+      const char* name = key.size() == 16 ? "AES-128-CBC" : key.size() == 24 ? "AES-192-CBC" : "AES-256-CBC";
+      OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string("cipher", const_cast<char*>(name), 0), OSSL_PARAM_construct_end()};
+      EVP_MAC_CTX* ctx = EVP_MAC_CTX_new(mac);
+      Bytes expected(16);
+      std::size_t n = 0;
+      ASSERT_TRUE(EVP_MAC_init(ctx, key.data(), key.size(), params) && EVP_MAC_update(ctx, msg.data(), msg.size()) &&
+                  EVP_MAC_final(ctx, expected.data(), &n, 16));
+      EVP_MAC_CTX_free(ctx);
+      ASSERT_EQ(toHex(cmac(key, msg)), toHex(expected)) << i;
+    }
+    EVP_MAC_free(mac);
+  });
 }
 #endif
 

@@ -46,23 +46,25 @@ Bytes run(ModeFn fn, BlockCipher& c, Bytes iv, const Bytes& in, const std::vecto
 TEST(Modes, Sp80038aVectors) {
   LOAD_VECTORS(cases, "kat/modes.json");
   ASSERT_EQ(cases.size(), 18u);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c["id"].get<std::string>());
-    Bytes key = fromHex(c["key"].get<std::string>());
-    Bytes iv = *test::field(c, c.contains("iv") ? "iv" : "initial_counter_block");
-    Bytes plain = fromHex(c["plaintext"].get<std::string>()), cipher = fromHex(c["ciphertext"].get<std::string>());
-    auto aes = detail::makeAES(key.data(), key.size());
-    const Mode& m = modeNamed(c["mode"]);
-    // Whole message at once, and block by block on a chained IV.
-    std::vector<std::size_t> blocks(plain.size() / 16, 16);
-    if (c["direction"] == "encrypt") {
-      EXPECT_EQ(toHex(run(m.encrypt, *aes, iv, plain, {plain.size()})), toHex(cipher));
-      EXPECT_EQ(toHex(run(m.encrypt, *aes, iv, plain, blocks)), toHex(cipher));
-    } else {
-      EXPECT_EQ(toHex(run(m.decrypt, *aes, iv, cipher, {cipher.size()})), toHex(plain));
-      EXPECT_EQ(toHex(run(m.decrypt, *aes, iv, cipher, blocks)), toHex(plain));
+  test::forEachAesPath([&] {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c["id"].get<std::string>());
+      Bytes key = fromHex(c["key"].get<std::string>());
+      Bytes iv = *test::field(c, c.contains("iv") ? "iv" : "initial_counter_block");
+      Bytes plain = fromHex(c["plaintext"].get<std::string>()), cipher = fromHex(c["ciphertext"].get<std::string>());
+      auto aes = detail::makeAES(key.data(), key.size());
+      const Mode& m = modeNamed(c["mode"]);
+      // Whole message at once, and block by block on a chained IV.
+      std::vector<std::size_t> blocks(plain.size() / 16, 16);
+      if (c["direction"] == "encrypt") {
+        EXPECT_EQ(toHex(run(m.encrypt, *aes, iv, plain, {plain.size()})), toHex(cipher));
+        EXPECT_EQ(toHex(run(m.encrypt, *aes, iv, plain, blocks)), toHex(cipher));
+      } else {
+        EXPECT_EQ(toHex(run(m.decrypt, *aes, iv, cipher, {cipher.size()})), toHex(plain));
+        EXPECT_EQ(toHex(run(m.decrypt, *aes, iv, cipher, blocks)), toHex(plain));
+      }
     }
-  }
+  });
 }
 
 TEST(Modes, CbcIgnoresPartialBlocksAndKeepsIv) {
@@ -154,43 +156,45 @@ TEST(ModesDeathTest, AssertionsNameTheirFiles) {
 // DES and triple DES, against OpenSSL. CTR counters start low enough never to cross 2^32.
 TEST(Modes, MatchOpenSslForRandomInputsAndSplits) {
   ASSERT_TRUE(test::legacyProviders());
-  using enum test::BlockKind;
-  struct Row {
-    const char* mode;
-    test::BlockKind kind;
-    std::size_t keyLen;
-    const EVP_CIPHER* (*evp)();
-  };
-  const Row rows[] = {
-      {"CBC", aes, 16, EVP_aes_128_cbc},    {"CBC", aes, 24, EVP_aes_192_cbc},    {"CBC", aes, 32, EVP_aes_256_cbc},
-      {"CFB", aes, 16, EVP_aes_128_cfb128}, {"CFB", aes, 24, EVP_aes_192_cfb128}, {"CFB", aes, 32, EVP_aes_256_cfb128},
-      {"CTR", aes, 16, EVP_aes_128_ctr},    {"CTR", aes, 24, EVP_aes_192_ctr},    {"CTR", aes, 32, EVP_aes_256_ctr},
-      {"CBC", des, 8, EVP_des_cbc},         {"CBC", des3, 24, EVP_des_ede3_cbc}};
-  test::TestRng rng(0x30de5);
-  for (const Row& r : rows) {
-    const Mode& m = modeNamed(r.mode);
-    for (int i = 0; i < 150; ++i) {
-      Bytes key = rng.bytes(r.keyLen);
-      auto c = test::makeBlockCipher(r.kind, key);
-      const std::size_t b = c->blockLength();
-      Bytes iv = rng.bytes(b);
-      if (m.encrypt == CTR128_encrypt) iv[12] = 0;  // at most 2^24 blocks from the wrap
-      std::size_t len = rng.below(2000);
-      if (m.encrypt == CBC_encrypt) len -= len % b;
-      Bytes msg = rng.bytes(len);
-      // Every piece but the last is whole blocks: only a stream's end may be partial.
-      std::vector<std::size_t> pieces;
-      for (std::size_t left = len; left;) {
-        std::size_t n = std::min(left, b * rng.below(40));
-        if (!n || n == left) n = left;
-        pieces.push_back(n);
-        left -= n;
+  test::forEachAesPath([&] {
+    using enum test::BlockKind;
+    struct Row {
+      const char* mode;
+      test::BlockKind kind;
+      std::size_t keyLen;
+      const EVP_CIPHER* (*evp)();
+    };
+    const Row rows[] = {
+        {"CBC", aes, 16, EVP_aes_128_cbc},    {"CBC", aes, 24, EVP_aes_192_cbc},    {"CBC", aes, 32, EVP_aes_256_cbc},
+        {"CFB", aes, 16, EVP_aes_128_cfb128}, {"CFB", aes, 24, EVP_aes_192_cfb128}, {"CFB", aes, 32, EVP_aes_256_cfb128},
+        {"CTR", aes, 16, EVP_aes_128_ctr},    {"CTR", aes, 24, EVP_aes_192_ctr},    {"CTR", aes, 32, EVP_aes_256_ctr},
+        {"CBC", des, 8, EVP_des_cbc},         {"CBC", des3, 24, EVP_des_ede3_cbc}};
+    test::TestRng rng(0x30de5);
+    for (const Row& r : rows) {
+      const Mode& m = modeNamed(r.mode);
+      for (int i = 0; i < 150; ++i) {
+        Bytes key = rng.bytes(r.keyLen);
+        auto c = test::makeBlockCipher(r.kind, key);
+        const std::size_t b = c->blockLength();
+        Bytes iv = rng.bytes(b);
+        if (m.encrypt == CTR128_encrypt) iv[12] = 0;  // at most 2^24 blocks from the wrap
+        std::size_t len = rng.below(2000);
+        if (m.encrypt == CBC_encrypt) len -= len % b;
+        Bytes msg = rng.bytes(len);
+        // Every piece but the last is whole blocks: only a stream's end may be partial.
+        std::vector<std::size_t> pieces;
+        for (std::size_t left = len; left;) {
+          std::size_t n = std::min(left, b * rng.below(40));
+          if (!n || n == left) n = left;
+          pieces.push_back(n);
+          left -= n;
+        }
+        Bytes expected = test::opensslCipher(r.evp(), key, iv, msg, true);
+        ASSERT_EQ(toHex(run(m.encrypt, *c, iv, msg, pieces)), toHex(expected)) << r.mode << r.keyLen << " it " << i;
+        ASSERT_EQ(toHex(run(m.decrypt, *c, iv, expected, pieces)), toHex(msg)) << r.mode << r.keyLen << " it " << i;
       }
-      Bytes expected = test::opensslCipher(r.evp(), key, iv, msg, true);
-      ASSERT_EQ(toHex(run(m.encrypt, *c, iv, msg, pieces)), toHex(expected)) << r.mode << r.keyLen << " it " << i;
-      ASSERT_EQ(toHex(run(m.decrypt, *c, iv, expected, pieces)), toHex(msg)) << r.mode << r.keyLen << " it " << i;
     }
-  }
+  });
 }
 #endif
 

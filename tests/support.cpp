@@ -1,9 +1,11 @@
 #include "support.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
 #include "tessel/block.h"
+#include "tessel/cpu.h"
 #include "tessel/factory.h"
 
 namespace tessel::test {
@@ -31,17 +33,6 @@ std::string toHex(const unsigned char* data, std::size_t len) {
   for (std::size_t i = 0; i < len; ++i) s += {digits[data[i] >> 4], digits[data[i] & 15]};
   return s;
 }
-
-namespace {
-// TESSEL_PORTABLE_AES=1 runs the whole test process on the portable AES rounds.
-const bool portableAes = [] {
-  const bool force = std::getenv("TESSEL_PORTABLE_AES") != nullptr;
-  if (force) detail::forcePortableAes(true);
-  return force;
-}();
-}  // namespace
-
-bool portableAesForced() { return portableAes; }
 
 std::string vectorsDir() {
   if (const char* env = std::getenv("TESSEL_VECTORS"); env && *env) return env;
@@ -71,6 +62,23 @@ std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key) {
 }
 
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id) { return detail::createSoftwareHash(id); }
+
+std::vector<CodePath> digestCodePaths() {
+  std::vector<CodePath> paths = {{"portable", true}};
+  if (cpuHasShaExtensions()) paths.push_back({"sha-extensions", false});
+  else std::printf("note: no SHA extensions on this processor; only the portable digests are tested\n");
+  return paths;
+}
+
+std::vector<CodePath> aesCodePaths() {
+  std::vector<CodePath> paths = {{"portable", true}};
+  if (cpuHasAesInstructions()) paths.push_back({"aes-instructions", false});
+  else std::printf("note: no AES instructions on this processor; only the portable AES is tested\n");
+  return paths;
+}
+
+UseCodePath::UseCodePath(const CodePath& path) { forcePortable(path.portable); }
+UseCodePath::~UseCodePath() { forcePortable(false); }
 
 std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total) {
   std::vector<std::size_t> pieces;

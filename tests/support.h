@@ -23,9 +23,6 @@ std::string toHex(const unsigned char* data, std::size_t len);
 inline std::string toHex(const Bytes& b) { return toHex(b.data(), b.size()); }
 inline Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
 
-// portableAesForced says whether TESSEL_PORTABLE_AES made this process use the portable AES.
-bool portableAesForced();
-
 // vectorsDir is $TESSEL_VECTORS, or the shared vectors folder beside the checkout.
 std::string vectorsDir();
 
@@ -56,6 +53,39 @@ std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key);
 
 // makeSoftwareHash returns the software digest for a HashID (1..7), or null.
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
+
+// CodePath is one implementation an algorithm can run on; every vector runs through each.
+struct CodePath {
+  const char* name;
+  bool portable;
+};
+
+// digestCodePaths lists the portable path and, when this processor has the SHA extensions, the
+// accelerated one.
+std::vector<CodePath> digestCodePaths();
+
+// UseCodePath selects a code path for its lifetime and restores automatic choice afterwards.
+class UseCodePath {
+ public:
+  explicit UseCodePath(const CodePath& path);
+  ~UseCodePath();
+  UseCodePath(const UseCodePath&) = delete;
+  UseCodePath& operator=(const UseCodePath&) = delete;
+};
+
+// aesCodePaths lists the portable AES (with table GHASH) and, when this processor has the AES
+// instructions, the accelerated one (with carry-less GHASH where available).
+std::vector<CodePath> aesCodePaths();
+
+// forEachAesPath runs `body` once per AES code path, under a trace naming the path.
+template <class Body>
+void forEachAesPath(Body body) {
+  for (const CodePath& path : aesCodePaths()) {
+    UseCodePath use(path);
+    SCOPED_TRACE(std::string("AES path ") + path.name);
+    body();
+  }
+}
 
 // Deterministic randomness for property tests, so a failure can be replayed from its seed.
 class TestRng {

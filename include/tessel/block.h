@@ -30,7 +30,7 @@ class BlockCipher {
 // AESBase holds the round keys of AES (FIPS 197), stored transposed: one 32-bit word per state
 // row, so that ShiftRows is a rotation of a word and AddRoundKey four word XORs. The only
 // tables are the S-box, its inverse and the round constants. On x86 processors with the AES
-// instructions the same rounds run through those instead (see detail::aesAccelerated).
+// instructions the same rounds run through those instead (cpu.h says which path is in use).
 class AESBase : public BlockCipher {
  public:
   unsigned blockLength() const override { return 16; }
@@ -143,13 +143,6 @@ class RC4 {
 };
 
 namespace detail {
-// aesAccelerated says whether AES blocks run through the processor's AES instructions: true
-// when the processor has them and forcePortableAes(true) has not been called.
-bool aesAccelerated();
-// forcePortableAes makes every AES object use (or stop using) the portable rounds, and GHASH
-// objects built afterwards use the table multiplier (gcm.h), so tests can run each vector
-// through both implementations. Not for concurrent use with AES work.
-void forcePortableAes(bool force);
 // makeAES builds AES128, AES192 or AES256 for a 16-, 24- or 32-byte key; null for other lengths.
 std::unique_ptr<BlockCipher> makeAES(const unsigned char* key, std::size_t keyLen);
 }  // namespace detail

@@ -18,7 +18,7 @@ namespace tessel {
 // call zero-padding its own last partial chunk, and digest() returns the accumulator and
 // clears it. Multiplication by H uses a per-key table of 32 nibble positions x 16 entries; on
 // x86 processors with carry-less multiplication it uses that instruction instead (see
-// detail::ghashAccelerated; the choice is made when the object is built).
+// carrylessMultiplyInUse in cpu.h; the choice is made when the object is built).
 class GHash : public Hash {
  public:
   using Hash::digest;
@@ -41,13 +41,6 @@ class GHash : public Hash {
   Element h_;
   bool clmul_;
 };
-
-namespace detail {
-// ghashAccelerated says whether new GHash objects multiply with the carry-less multiplication
-// instruction: true when the processor has it and the AES instructions are in use
-// (aesAccelerated in block.h, which forcePortableAes switches off).
-bool ghashAccelerated();
-}  // namespace detail
 
 // GCMCipher: ciphertextLength(len) = len + 16; decrypt() takes the ciphertext followed by the
 // 16-byte tag and returns its length or all ones when the tag does not match (the plaintext

@@ -1,0 +1,37 @@
+// Processor features and the choice between portable and accelerated code paths.
+//
+// Algorithms with an accelerated path (SHA extensions for SHA-1/SHA-256, AES instructions for
+// AES, carry-less multiplication for GHASH) pick it at run time when the processor has the
+// instructions. Both paths give identical results; the portable C++
+// path always exists and is what other processors run.
+#pragma once
+
+namespace tessel {
+
+// forcePortable(true) makes every algorithm use its portable path from the next call on;
+// forcePortable(false) returns to automatic choice. Meant for tests that run each vector through
+// both paths, and for hosts that want the same code on every machine. Not synchronised: set it
+// while no other thread is hashing.
+void forcePortable(bool on);
+
+// cpuHasShaExtensions reports whether the processor offers the SHA-1/SHA-256 instructions.
+bool cpuHasShaExtensions();
+
+// shaExtensionsInUse reports whether SHA-1 and SHA-256 currently run on those instructions.
+bool shaExtensionsInUse();
+
+// cpuHasAesInstructions reports whether the processor offers AES-NI (with SSE4.1).
+bool cpuHasAesInstructions();
+
+// aesInstructionsInUse reports whether AES blocks currently run on those instructions.
+bool aesInstructionsInUse();
+
+// cpuHasCarrylessMultiply reports whether the processor offers PCLMULQDQ (with SSSE3).
+bool cpuHasCarrylessMultiply();
+
+// carrylessMultiplyInUse reports whether GHASH objects built now multiply with PCLMULQDQ (each
+// GHASH object keeps the choice made when it was built; GCM builds one per message). It
+// requires the AES instructions to be in use as well.
+bool carrylessMultiplyInUse();
+
+}  // namespace tessel
