@@ -19,28 +19,24 @@ namespace tessel {
 
 namespace {
 
-// The S-box tables are computed at compile time from the field inverse and the affine map of
-// FIPS 197 section 5.1.1, which gives exactly the values printed there.
-constexpr std::uint8_t gmul(std::uint8_t a, std::uint8_t b) {
-  std::uint8_t r = 0;
-  while (b) {
-    if (b & 1) r ^= a;
-    a = static_cast<std::uint8_t>(a << 1 ^ (a & 0x80 ? 0x1b : 0));
-    b >>= 1;
-  }
-  return r;
-}
-
+// The S-box is computed at compile time from the field inverse and the affine map of FIPS 197
+// section 5.1.1, which gives exactly the values printed there. p runs through the powers of the
+// generator 3 and q through those of its inverse, so q = 1/p at every step.
 constexpr std::array<std::uint8_t, 256> makeSbox() {
   std::array<std::uint8_t, 256> s{};
-  for (unsigned x = 0; x < 256; ++x) {
-    std::uint8_t inv = 0;
-    for (unsigned y = 1; y < 256 && x; ++y)
-      if (gmul(static_cast<std::uint8_t>(x), static_cast<std::uint8_t>(y)) == 1) inv = static_cast<std::uint8_t>(y);
-    unsigned b = inv, r = 0x63;
-    for (unsigned k = 0; k < 5; ++k) r ^= (b << k | b >> (8 - k)) & 0xff;
-    s[x] = static_cast<std::uint8_t>(r);
-  }
+  unsigned p = 1, q = 1;
+  do {
+    p = (p ^ p << 1 ^ (p & 0x80 ? 0x1b : 0)) & 0xff;  // p * 3
+    q ^= q << 1;                                        // q / 3
+    q ^= q << 2;
+    q ^= q << 4;
+    q &= 0xff;
+    if (q & 0x80) q ^= 0x09;
+    unsigned r = 0x63;
+    for (unsigned k = 0; k < 5; ++k) r ^= (q << k | q >> (8 - k)) & 0xff;
+    s[p] = static_cast<std::uint8_t>(r);
+  } while (p != 1);
+  s[0] = 0x63;
   return s;
 }
 
