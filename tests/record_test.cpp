@@ -16,20 +16,8 @@ std::unique_ptr<CBC_MAC_MP_Cipher> makeRecord(unsigned hashId = hashSha1) {
   return std::make_unique<CBC_MAC_MP_Cipher>(createCipher(4, key, 0), createHMAC(hashId, macKey));
 }
 
-Bytes sealRecord(Cipher& c, const Bytes& msg) {
-  Bytes out(c.ciphertextLength(static_cast<unsigned>(msg.size())));
-  c.encrypt(msg.data(), static_cast<unsigned>(msg.size()), nullptr, 0, out.data());
-  return out;
-}
-
-// openRecord decrypts and returns the plaintext, or nullopt on the failure value.
-std::optional<Bytes> openRecord(Cipher& c, const Bytes& in, const Bytes& aad = {}) {
-  Bytes out(in.size());
-  unsigned n = c.decrypt(in.data(), static_cast<unsigned>(in.size()), aad.data(), static_cast<unsigned>(aad.size()), out.data());
-  if (n == decryptFailed) return std::nullopt;
-  out.resize(n);
-  return out;
-}
+using test::openWith;
+using test::sealWith;
 
 TEST(MacThenPad, LengthsAndRoundTrips) {
   auto rec = makeRecord();
@@ -40,15 +28,15 @@ TEST(MacThenPad, LengthsAndRoundTrips) {
   rec->setIV(iv.data(), 16);
   for (unsigned len = 0; len <= 40; ++len) {
     Bytes msg(len, static_cast<unsigned char>(len));
-    Bytes sealed = sealRecord(*rec, msg);
+    Bytes sealed = sealWith(*rec, msg);
     EXPECT_EQ(sealed.size(), rec->ciphertextLength(len));
-    EXPECT_EQ(openRecord(*rec, sealed), msg) << len;
+    EXPECT_EQ(openWith(*rec, sealed), msg) << len;
   }
   // The padding of an empty record: 12 bytes of value 11 after the MAC.
   Bytes plain(32);
   CBCCipher inner(std::make_unique<AES128>(Bytes(16, 0x2b).data()));
   inner.setIV(iv.data(), 16);
-  inner.decrypt(sealRecord(*rec, {}).data(), 32, nullptr, 0, plain.data());
+  inner.decrypt(sealWith(*rec, {}).data(), 32, nullptr, 0, plain.data());
   EXPECT_EQ(Bytes(plain.begin() + 20, plain.end()), Bytes(12, 11));
 }
 
@@ -71,26 +59,26 @@ Bytes macOf(const Bytes& msg) {
 TEST(MacThenPad, RejectsBadRecords) {
   auto rec = makeRecord();
   rec->setIV(Bytes(16, 0x77).data(), 16);
-  Bytes msg(7, 0x41), sealed = sealRecord(*rec, msg);
+  Bytes msg(7, 0x41), sealed = sealWith(*rec, msg);
   for (std::size_t len : {0u, 1u, 15u, 16u, 17u, 31u}) {
-    EXPECT_FALSE(openRecord(*rec, Bytes(sealed.begin(), sealed.begin() + static_cast<long>(len)))) << len;
+    EXPECT_FALSE(openWith(*rec, Bytes(sealed.begin(), sealed.begin() + static_cast<long>(len)))) << len;
   }
   for (std::size_t i = 0; i < sealed.size(); i += 5) {
     Bytes bad = sealed;
     bad[i] ^= 0x10;
-    EXPECT_FALSE(openRecord(*rec, bad)) << i;
+    EXPECT_FALSE(openWith(*rec, bad)) << i;
   }
   // The MAC matches but the padding bytes differ.
   Bytes plain = msg, mac = macOf(msg);
   plain.insert(plain.end(), mac.begin(), mac.end());
   plain.insert(plain.end(), {3, 4, 4, 4, 4});  // 5 padding bytes claimed, one of them wrong
   ASSERT_EQ(plain.size(), 32u);
-  EXPECT_FALSE(openRecord(*rec, crafted(plain)));
+  EXPECT_FALSE(openWith(*rec, crafted(plain)));
   plain[27] = 4;
-  EXPECT_EQ(openRecord(*rec, crafted(plain)), msg);  // the same record with good padding
+  EXPECT_EQ(openWith(*rec, crafted(plain)), msg);  // the same record with good padding
   // The last byte claims more padding than the record holds.
   plain.back() = 200;
-  EXPECT_FALSE(openRecord(*rec, crafted(plain)));
+  EXPECT_FALSE(openWith(*rec, crafted(plain)));
 }
 
 std::unique_ptr<Cipher> makeEtm(unsigned hashId) {
@@ -106,17 +94,17 @@ TEST(EncryptThenMac, RoundTripsAndRejectsTampering) {
   etm->setIV(iv.data(), 16);
   Bytes sealed(etm->ciphertextLength(48));
   etm->encrypt(msg.data(), 48, aad.data(), 13, sealed.data());
-  EXPECT_EQ(openRecord(*etm, sealed, aad), msg);
-  EXPECT_EQ(openRecord(*etm, sealed, aad), msg);  // the stored IV is reused, the MAC restarted
+  EXPECT_EQ(openWith(*etm, sealed, aad), msg);
+  EXPECT_EQ(openWith(*etm, sealed, aad), msg);  // the stored IV is reused, the MAC restarted
   for (std::size_t i = 0; i < sealed.size(); i += 7) {
     Bytes bad = sealed;
     bad[i] ^= 1;
-    EXPECT_FALSE(openRecord(*etm, bad, aad)) << i;
+    EXPECT_FALSE(openWith(*etm, bad, aad)) << i;
   }
-  EXPECT_FALSE(openRecord(*etm, sealed, Bytes(13, 0xae)));
+  EXPECT_FALSE(openWith(*etm, sealed, Bytes(13, 0xae)));
   for (std::size_t len : {0u, 31u, 33u, 47u, 79u})
-    EXPECT_FALSE(openRecord(*etm, Bytes(sealed.begin(), sealed.begin() + static_cast<long>(len)), aad)) << len;
-  EXPECT_EQ(openRecord(*etm, Bytes(sealed.begin(), sealed.begin() + 32), aad), std::nullopt);
+    EXPECT_FALSE(openWith(*etm, Bytes(sealed.begin(), sealed.begin() + static_cast<long>(len)), aad)) << len;
+  EXPECT_EQ(openWith(*etm, Bytes(sealed.begin(), sealed.begin() + 32), aad), std::nullopt);
 }
 
 TEST(RecordCiphers, ShortIvSizeClearsThenCopiesAWholeBlock) {
@@ -133,7 +121,7 @@ TEST(RecordCiphers, ShortIvSizeClearsThenCopiesAWholeBlock) {
   auto r1 = makeRecord(), r2 = makeRecord();
   r1->setIV(iv.data(), 16);
   r2->setIV(iv.data(), 0);
-  EXPECT_EQ(sealRecord(*r1, msg), sealRecord(*r2, msg));
+  EXPECT_EQ(sealWith(*r1, msg), sealWith(*r2, msg));
 }
 
 TEST(EncryptThenMacDeathTest, MacsLongerThan32BytesAbortOnDecrypt) {

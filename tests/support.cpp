@@ -52,6 +52,21 @@ std::optional<Bytes> field(const nlohmann::json& c, const std::string& name) {
   return std::nullopt;
 }
 
+Bytes sealWith(Cipher& c, const Bytes& msg, const Bytes& aad) {
+  Bytes out(c.ciphertextLength(static_cast<unsigned>(msg.size())));
+  c.encrypt(msg.data(), static_cast<unsigned>(msg.size()), aad.data(), static_cast<unsigned>(aad.size()), out.data());
+  return out;
+}
+
+std::optional<Bytes> openWith(Cipher& c, const Bytes& in, const Bytes& aad) {
+  Bytes out(in.size());
+  const unsigned n =
+      c.decrypt(in.data(), static_cast<unsigned>(in.size()), aad.data(), static_cast<unsigned>(aad.size()), out.data());
+  if (n == decryptFailed) return std::nullopt;
+  out.resize(n);
+  return out;
+}
+
 std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key) {
   switch (kind) {
     case BlockKind::null: return std::make_unique<NullBlockCipher>();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tessel/block.h"
+#include "tessel/cipher.h"
 #include "tessel/hash.h"
 
 namespace tessel::test {
@@ -46,6 +47,11 @@ int forEachWycheproofTest(const nlohmann::json& file, Fn fn) {
     }
   return count;
 }
+
+// sealWith encrypts `msg` (with `aad`) and returns the ciphertextLength() output bytes.
+Bytes sealWith(Cipher& c, const Bytes& msg, const Bytes& aad = {});
+// openWith decrypts `in` and returns the plaintext, or nullopt for the failure value.
+std::optional<Bytes> openWith(Cipher& c, const Bytes& in, const Bytes& aad = {});
 
 // makeBlockCipher builds a block cipher of a kind from `key` (AES by its length).
 enum class BlockKind { null, des, des3, aes };
