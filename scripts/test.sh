@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Sets up and runs the whole test suite: the native build (with a benchmark smoke run),
-# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), and the 32-bit build.
-#   scripts/test.sh [native|sanitize|m32]...   (default: all three)
+# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), the 32-bit build, and the
+# kernel run (static programs inside a QEMU guest whose kernel has AF_ALG).
+#   scripts/test.sh [native|sanitize|m32|kernel]...   (default: all four)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=("$@")
-((${#runs[@]})) || runs=(native sanitize m32)
+((${#runs[@]})) || runs=(native sanitize m32 kernel)
 
 scripts/setup.sh $([[ " ${runs[*]} " == *" m32 "* ]] && echo --m32)
 jobs=$(nproc)
@@ -22,6 +23,22 @@ ctest_run() {  # ctest_run BUILD_DIR: runs ctest, adds its counts to the totals
   total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
   bad=$(sed -E 's/.* ([0-9]+) tests? failed.*/\1/' <<<"$line")
   passed=$((passed + total - bad)); failed=$((failed + bad))
+}
+
+guest_run() {  # guest_run [run-guest.sh options] BINARY [ARGS...]: counts its PASS/FAIL lines
+  local log rc=0 pass bad
+  log=$(mktemp)
+  echo "== guest run: $*"
+  tests/kernel/run-guest.sh "$@" 2>&1 | tee "$log" || rc=$?
+  # The probe prints PASS/FAIL lines; a GoogleTest binary prints its own summary counts.
+  pass=$(($(grep -c -E '^PASS ' "$log" || true) +
+          $(sed -n -E 's/^\[  PASSED  \] ([0-9]+) tests?.*/\1/p' "$log" | tail -1 | grep . || echo 0)))
+  bad=$(($(grep -c -E '^FAIL ' "$log" || true) +
+         $(sed -n -E 's/^\[  FAILED  \] ([0-9]+) tests?, listed below.*/\1/p' "$log" | tail -1 | grep . || echo 0)))
+  rm -f "$log"
+  # A failed run with no FAIL line (no boot, no answer, a crash) still counts as a failure.
+  ((rc == 0 || bad > 0)) || bad=1
+  passed=$((passed + pass)); failed=$((failed + bad))
 }
 
 build() {  # build DIR CMAKE_ARGS...
@@ -67,6 +84,16 @@ for run in "${runs[@]}"; do
       build build/m32 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON -DTESSEL_BENCH=OFF \
         -DTESSEL_GTEST_ROOT="$PWD/build-deps/gtest32" "${ssl[@]}"
       ctest_run build/m32
+      ;;
+    kernel)
+      # The build machine's kernel may lack AF_ALG, so these programs run in a QEMU guest
+      # (tests/kernel/run-guest.sh); they are linked statically because the guest has no libraries.
+      echo "== configure and build build/kernel"
+      cmake -S . -B build/kernel -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON \
+        -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
+      cmake --build build/kernel --target tessel_kernel_probe -- -j"$jobs" | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
+      [[ -x build/kernel/tessel_kernel_probe ]] || { echo "test: build of build/kernel failed"; exit 1; }
+      guest_run build/kernel/tessel_kernel_probe
       ;;
     *) echo "test: unknown run '$run'"; exit 2 ;;
   esac
