@@ -161,6 +161,9 @@ cat >"$initrd/init" <<EOF
 #!/bin/sh
 # The guest's whole life: set up, load the crypto modules, run one program, power off.
 export PATH=/bin:/sbin:/usr/bin:/usr/sbin HOME=/ TMPDIR=/tmp
+# The serial console is a terminal; keep GoogleTest's summary free of colour codes so the
+# host can count it.
+export GTEST_COLOR=no
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
@@ -205,6 +208,7 @@ set -e
 elapsed=$((SECONDS - start))
 
 if ! grep -q 'TESSEL-GUEST-INIT ' "$log"; then
+  ((qemu_rc == 124 || qemu_rc == 137)) && echo "run-guest: QEMU ran into its ${host_timeout} s timeout" >&2
   grep -q 'Kernel panic' "$log" && echo "run-guest: the guest kernel panicked" >&2
   die "guest did not boot (no init marker after ${elapsed} s, qemu rc $qemu_rc)"
 fi
