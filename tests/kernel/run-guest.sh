@@ -78,23 +78,40 @@ if [[ -z $kpkg ]]; then
   [[ -n $kpkg ]] || die "cannot tell which kernel package linux-image-amd64 depends on"
 fi
 kroot=$cache/$kpkg
-if [[ ! -f $kroot/.unpacked ]]; then
+# Of the package's 400 MB of modules only the crypto folders are kept, so the cache stays small
+# enough to carry between CI runs. A module from elsewhere needs its folder added here; the
+# cache is then unpacked again because the list is recorded in it.
+keep_dirs=(kernel/crypto kernel/arch/x86/crypto kernel/lib/crypto)
+if [[ ! -f $kroot/.unpacked || $(cat "$kroot/.unpacked") != "${keep_dirs[*]}" ]]; then
   echo "run-guest: fetching $kpkg"
-  rm -rf "$kroot" "$cache/download"
+  rm -rf "$kroot" "$kroot.tmp" "$kroot.full" "$cache/download"
   mkdir -p "$cache/download"
   # apt-get download as root warns that its sandbox user cannot write here; that is harmless.
   (cd "$cache/download" && apt-get download -q "$kpkg" 2>&1 | grep -v -i 'unsandboxed' >&2) ||
     (cd "$cache/download" && ls ./*.deb >/dev/null 2>&1) || die "could not download $kpkg"
   debs=("$cache"/download/*.deb)
   [[ -f ${debs[0]} ]] || die "could not download $kpkg"
-  rm -rf "$kroot.tmp"
-  dpkg -x "${debs[0]}" "$kroot.tmp"
+  dpkg -x "${debs[0]}" "$kroot.full"
   rm -rf "$cache/download"
+  kv=$(cd "$kroot.full/lib/modules" && ls | head -1)
+  [[ -n $kv ]] || die "$kpkg holds no modules"
+  mkdir -p "$kroot.tmp/lib/modules/$kv"
+  mv "$kroot.full/boot" "$kroot.tmp/"
+  mv "$kroot.full/lib/modules/$kv"/modules.* "$kroot.tmp/lib/modules/$kv/"
+  for d in "${keep_dirs[@]}"; do
+    [[ -d $kroot.full/lib/modules/$kv/$d ]] || continue
+    mkdir -p "$kroot.tmp/lib/modules/$kv/$(dirname "$d")"
+    mv "$kroot.full/lib/modules/$kv/$d" "$kroot.tmp/lib/modules/$kv/$d"
+  done
+  rm -rf "$kroot.full"
   # The package leaves modules.dep to its install script; compute it here so modprobe can
   # resolve what each module needs.
-  depmod -b "$kroot.tmp" "$(cd "$kroot.tmp/lib/modules" && ls | head -1)"
+  depmod -b "$kroot.tmp" "$kv"
+  echo "${keep_dirs[*]}" >"$kroot.tmp/.unpacked"
   mv "$kroot.tmp" "$kroot"
-  touch "$kroot/.unpacked"
+  for old in "$cache"/linux-image-*; do  # kernels Debian has since replaced
+    [[ $old == "$kroot" ]] || rm -rf "$old"
+  done
 fi
 kver=$(cd "$kroot/lib/modules" && ls | head -1)
 [[ -n $kver && -f $kroot/boot/vmlinuz-$kver ]] || die "no kernel image in $kroot (remove it to fetch again)"
@@ -125,7 +142,7 @@ mdir=lib/modules/$kver
 for m in "${modules[@]}"; do
   # --show-depends names the module and everything it needs, or says it is built in.
   deps=$(modprobe -d "$kroot" -S "$kver" --show-depends "$m" 2>/dev/null) ||
-    die "module $m is missing from $kpkg"
+    die "module $m is not in $kroot (is its folder in keep_dirs?)"
   while read -r verb path _; do
     [[ $verb == insmod ]] || continue
     rel=${path#"$kroot"/}
