@@ -102,6 +102,17 @@ for run in "${runs[@]}"; do
         [[ -x build/kernel/$t ]] || { echo "test: build of build/kernel/$t failed"; exit 1; }
       done
       guest_run build/kernel/tessel_kernel_probe
+      # The appliance is 32-bit: its programs reach AF_ALG through the kernel's compat calls.
+      if dpkg-query -W -f='${Status}' g++-multilib 2>/dev/null | grep -q "install ok installed"; then
+        echo "== configure and build build/kernel32 (tessel_kernel_probe)"
+        cmake -S . -B build/kernel32 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON \
+          -DTESSEL_KERNEL_TESTS=ON -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
+        cmake --build build/kernel32 --target tessel_kernel_probe -- -j"$jobs" | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
+        [[ -x build/kernel32/tessel_kernel_probe ]] || { echo "test: build of build/kernel32 failed"; exit 1; }
+        guest_run build/kernel32/tessel_kernel_probe
+      else
+        echo "== no 32-bit toolchain (scripts/setup.sh --m32 installs it): 32-bit probe left out"
+      fi
       if [[ -n $kernel_suites ]]; then
         vectors=${TESSEL_VECTORS:-$PWD/../shared/vectors}
         files=()
