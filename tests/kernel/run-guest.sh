@@ -12,7 +12,9 @@
 # Environment: TESSEL_GUEST_TIMEOUT (seconds for the whole QEMU run, default 300),
 # TESSEL_GUEST_WATCHDOG (seconds BINARY may run inside the guest, default 240),
 # TESSEL_GUEST_KERNEL_PKG (kernel package to use; default: the one linux-image-amd64 depends on),
-# TESSEL_GUEST_QEMU_ARGS (extra QEMU arguments, split on spaces).
+# TESSEL_GUEST_ACCEL and TESSEL_GUEST_CPU (default tcg and max; on a host with a working
+# /dev/kvm, kvm and host should be much faster), TESSEL_GUEST_QEMU_ARGS (extra QEMU arguments,
+# split on spaces).
 #
 # The kernel package is unpacked once into build-deps/kernel/<package>/ and reused.
 set -euo pipefail
@@ -208,15 +210,17 @@ chmod 755 "$initrd/init"
 (cd "$initrd" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/initrd.cpio.gz"
 
 # --- boot ---------------------------------------------------------------------------------------
-# TCG with -cpu max: KVM is not usable on every build host, and max gives the guest AES-NI,
-# PCLMUL and AVX2 so the SIMD drivers load. -no-reboot and panic=-1 turn a panic into an exit.
+# TCG with -cpu max by default: KVM is not usable on every build host (a nested, paravirtual
+# /dev/kvm hangs a stock kernel), and max gives the guest AES-NI, PCLMUL and AVX2 so the SIMD
+# drivers load. -no-reboot and panic=-1 turn a panic into an exit.
 log=$work/console.log
 qemu_extra=()
 [[ -n ${TESSEL_GUEST_QEMU_ARGS:-} ]] && read -r -a qemu_extra <<<"$TESSEL_GUEST_QEMU_ARGS"
 echo "run-guest: booting $kpkg with $name (timeout ${host_timeout} s)"
 start=$SECONDS
 set +e
-timeout -k 10 "$host_timeout" qemu-system-x86_64 -accel tcg -cpu max -m 512M -smp 1 -nographic -no-reboot -nic none \
+timeout -k 10 "$host_timeout" qemu-system-x86_64 -accel "${TESSEL_GUEST_ACCEL:-tcg}" \
+  -cpu "${TESSEL_GUEST_CPU:-max}" -m 512M -smp 1 -nographic -no-reboot -nic none \
   -kernel "$kroot/boot/vmlinuz-$kver" -initrd "$work/initrd.cpio.gz" \
   -append "console=ttyS0 quiet panic=-1 loglevel=3" "${qemu_extra[@]}" </dev/null 2>&1 |
   sed -u 's/\r$//' | tee "$log"
