@@ -157,10 +157,10 @@ depmod -b "$initrd" "$kver"
 
 cp "$binary" "$initrd/tessel/"
 name=$(basename "$binary")
-for spec in "${files[@]}"; do
-  src=${spec%%=*}
-  dst=${spec#*=}
-  [[ $spec == *=* ]] || dst=$src
+for item in "${files[@]}"; do
+  src=${item%%=*}
+  dst=${item#*=}
+  [[ $item == *=* ]] || dst=$src
   [[ -e $src ]] || die "--file $src does not exist"
   [[ $dst == /* ]] || die "--file guest path $dst must be absolute"
   mkdir -p "$initrd$(dirname "$dst")"
