@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Sets up and runs the whole test suite: the native build (with a benchmark smoke run),
-# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), and the 32-bit build.
-#   scripts/test.sh [native|sanitize|m32]...   (default: all three)
+# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), the 32-bit build, and the
+# kernel run (static programs inside a QEMU guest whose kernel has AF_ALG).
+#   scripts/test.sh [native|sanitize|m32|kernel]...   (default: all four)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=("$@")
-((${#runs[@]})) || runs=(native sanitize m32)
+((${#runs[@]})) || runs=(native sanitize m32 kernel)
 
 scripts/setup.sh $([[ " ${runs[*]} " == *" m32 "* ]] && echo --m32)
 jobs=$(nproc)
@@ -22,6 +23,22 @@ ctest_run() {  # ctest_run BUILD_DIR: runs ctest, adds its counts to the totals
   total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
   bad=$(sed -E 's/.* ([0-9]+) tests? failed.*/\1/' <<<"$line")
   passed=$((passed + total - bad)); failed=$((failed + bad))
+}
+
+guest_run() {  # guest_run [run-guest.sh options] BINARY [ARGS...]: counts its PASS/FAIL lines
+  local log rc=0 pass bad
+  log=$(mktemp)
+  echo "== guest run: $*"
+  tests/kernel/run-guest.sh "$@" 2>&1 | tee "$log" || rc=$?
+  # The probe prints PASS/FAIL lines; a GoogleTest binary prints its own summary counts.
+  pass=$(($(grep -c -E '^PASS ' "$log" || true) +
+          $(sed -n -E 's/^\[  PASSED  \] ([0-9]+) tests?.*/\1/p' "$log" | tail -1 | grep . || echo 0)))
+  # (each failed test has one result line with its time, in brief mode too)
+  bad=$(($(grep -c -E '^FAIL ' "$log" || true) + $(grep -c -E '^\[  FAILED  \] [^ ]+ \([0-9]+ ms\)$' "$log" || true)))
+  rm -f "$log"
+  # A failed run with no FAIL line (no boot, no answer, a crash) still counts as a failure.
+  ((rc == 0 || bad > 0)) || bad=1
+  passed=$((passed + pass)); failed=$((failed + bad))
 }
 
 build() {  # build DIR CMAKE_ARGS...
@@ -67,6 +84,41 @@ for run in "${runs[@]}"; do
       build build/m32 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON -DTESSEL_BENCH=OFF \
         -DTESSEL_GTEST_ROOT="$PWD/build-deps/gtest32" "${ssl[@]}"
       ctest_run build/m32
+      ;;
+    kernel)
+      # The build machine's kernel may lack AF_ALG, so these programs run in a QEMU guest
+      # (tests/kernel/run-guest.sh); they are linked statically because the guest has no libraries.
+      # The library's own Kernel* tests join in (from the same test binary, linked statically)
+      # as soon as a test file defines one.
+      kernel_suites=$(grep -l -E '^TEST(_F|_P)?\(Kernel' tests/*.cpp || true)
+      targets=(tessel_kernel_probe)
+      [[ -n $kernel_suites ]] && targets+=(tessel_tests)
+      echo "== configure and build build/kernel (${targets[*]})"
+      cmake -S . -B build/kernel -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON \
+        -DTESSEL_TESTS="$([[ -n $kernel_suites ]] && echo ON || echo OFF)" -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
+      cmake --build build/kernel --target "${targets[@]}" -- -j"$jobs" 2>&1 |
+        grep -v -E '^\[[0-9]+/[0-9]+\] |statically linked applications requires at runtime|^/usr/bin/ld: .*: in function' || true
+      for t in "${targets[@]}"; do
+        [[ -x build/kernel/$t ]] || { echo "test: build of build/kernel/$t failed"; exit 1; }
+      done
+      guest_run build/kernel/tessel_kernel_probe
+      # The appliance is 32-bit: its programs reach AF_ALG through the kernel's compat calls.
+      if dpkg-query -W -f='${Status}' g++-multilib 2>/dev/null | grep -q "install ok installed"; then
+        echo "== configure and build build/kernel32 (tessel_kernel_probe)"
+        cmake -S . -B build/kernel32 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON \
+          -DTESSEL_KERNEL_TESTS=ON -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
+        cmake --build build/kernel32 --target tessel_kernel_probe -- -j"$jobs" | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
+        [[ -x build/kernel32/tessel_kernel_probe ]] || { echo "test: build of build/kernel32 failed"; exit 1; }
+        guest_run build/kernel32/tessel_kernel_probe
+      else
+        echo "== no 32-bit toolchain (scripts/setup.sh --m32 installs it): 32-bit probe left out"
+      fi
+      if [[ -n $kernel_suites ]]; then
+        vectors=${TESSEL_VECTORS:-$PWD/../shared/vectors}
+        files=()
+        [[ -d $vectors ]] && files=(--file "$vectors=/vectors" --env TESSEL_VECTORS=/vectors)
+        guest_run "${files[@]}" build/kernel/tessel_tests --gtest_filter='Kernel*' --gtest_brief=1
+      fi
       ;;
     *) echo "test: unknown run '$run'"; exit 2 ;;
   esac
