@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tessel/block.h"
+#include "tessel/cpu.h"
 #include "tessel/factory.h"
 
 namespace {
@@ -27,7 +28,8 @@ const Algo kAlgos[] = {{"aes128-cbc", 4, 16, EVP_aes_128_cbc}, {"aes256-cbc", 4,
                        {"aes128-gcm", 7, 16, EVP_aes_128_gcm}, {"aes256-gcm", 7, 32, EVP_aes_256_gcm},
                        {"des3-cbc", 3, 24, EVP_des_ede3_cbc},  {"rc4", 0, 16, EVP_rc4}};
 
-void tesselCipher(benchmark::State& state, const Algo* a) {
+void tesselCipher(benchmark::State& state, const Algo* a, bool portable) {
+  tessel::forcePortable(portable);
   std::vector<unsigned char> key(a->keyLen, 0x4b), iv(16, 0x1f), in(kSize, 0x5a), out(kSize + 16);
   auto c = a->id ? tessel::createCipher(a->id, key, 16) : nullptr;
   tessel::RC4 rc4;
@@ -42,6 +44,7 @@ void tesselCipher(benchmark::State& state, const Algo* a) {
     benchmark::DoNotOptimize(out.data());
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kSize);
+  tessel::forcePortable(false);
 }
 
 void opensslCipher(benchmark::State& state, const Algo* a) {
@@ -67,12 +70,16 @@ void opensslCipher(benchmark::State& state, const Algo* a) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kSize);
 }
 
-// Registered in pairs so each tessel line is followed by OpenSSL's for the same cipher.
+// Registered in pairs so each tessel line is followed by OpenSSL's for the same cipher; the AES
+// rows also show the portable code ("tessel-portable") where the processor has AES instructions.
 const bool registered = [] {
   OSSL_PROVIDER_load(nullptr, "legacy");
   OSSL_PROVIDER_load(nullptr, "default");
   for (const Algo& a : kAlgos) {
-    benchmark::RegisterBenchmark((std::string("cipher/") + a.name + "/tessel").c_str(), tesselCipher, &a)->Arg(kSize);
+    benchmark::RegisterBenchmark((std::string("cipher/") + a.name + "/tessel").c_str(), tesselCipher, &a, false)->Arg(kSize);
+    if (a.keyLen != 24 && a.id && tessel::cpuHasAesInstructions())
+      benchmark::RegisterBenchmark((std::string("cipher/") + a.name + "/tessel-portable").c_str(), tesselCipher, &a, true)
+          ->Arg(kSize);
     benchmark::RegisterBenchmark((std::string("cipher/") + a.name + "/openssl").c_str(), opensslCipher, &a)->Arg(kSize);
   }
   return true;
