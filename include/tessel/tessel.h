@@ -7,6 +7,7 @@
 #include "tessel/assert.h"
 #include "tessel/bignum.h"
 #include "tessel/blob.h"
+#include "tessel/ec.h"
 #include "tessel/hash.h"
 #include "tessel/hmac.h"
 #include "tessel/reducer.h"
