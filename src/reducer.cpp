@@ -1,6 +1,7 @@
 // Reducers, residues, modular exponentiation and inversion, and bounded random numbers.
 #include "tessel/reducer.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -121,6 +122,65 @@ void MontgomeryReducer::reduce(BigNum& x) const {
   if (!(x < n)) x -= n;
 }
 
+namespace {
+
+// kMaxInterleaved bounds the modulus size of the interleaved product, whose scratch lives on
+// the stack (4096-bit RSA needs 128 digits); larger moduli take the two-step path.
+constexpr std::size_t kMaxInterleaved = 136;
+// Squares of larger moduli are cheaper as a plain square (half the cross products) followed
+// by a separate reduction.
+constexpr std::size_t kMaxInterleavedSquare = 16;
+
+// montMul sets r = a·b·R⁻¹ mod n by the coarsely integrated operand scanning method: one
+// multiplication row and one reduction row per digit of b, in a k + 2 digit accumulator.
+// The result equals reduce(a·b): both add the unique M < R with a·b + M·n ≡ 0 (mod R).
+void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit nPrime) {
+  const std::size_t k = n.size();
+  Digit t[kMaxInterleaved + 2] = {};
+  Digit ad[kMaxInterleaved] = {};
+  std::copy(a.digits().begin(), a.digits().end(), ad);
+  const Digit* nd = n.digits().data();
+  for (std::size_t i = 0; i < k; ++i) {
+    const Digit bi = i < b.size() ? b[static_cast<unsigned>(i)] : 0;
+    Wide c = 0;
+    for (std::size_t j = 0; j < k; ++j) {
+      c += Wide{ad[j]} * bi + t[j];
+      t[j] = static_cast<Digit>(c);
+      c >>= 32;
+    }
+    c += t[k];
+    t[k] = static_cast<Digit>(c);
+    t[k + 1] = static_cast<Digit>(c >> 32);
+    const Digit m = t[0] * nPrime;
+    c = (Wide{m} * nd[0] + t[0]) >> 32;
+    for (std::size_t j = 1; j < k; ++j) {
+      c += Wide{m} * nd[j] + t[j];
+      t[j - 1] = static_cast<Digit>(c);
+      c >>= 32;
+    }
+    c += t[k];
+    t[k - 1] = static_cast<Digit>(c);
+    t[k] = t[k + 1] + static_cast<Digit>(c >> 32);
+  }
+  r.digits().assign(t, t + k + 1);
+  r.clamp();
+  if (!(r < n)) r -= n;
+}
+
+}  // namespace
+
+void MontgomeryReducer::mul(BigNum& r, const BigNum& a, const BigNum& b) const {
+  const std::size_t k = mod().size();
+  if (k > kMaxInterleaved || a.size() > k || b.size() > k) return Reducer::mul(r, a, b);
+  montMul(r, a, b, mod(), nPrime_);
+}
+
+void MontgomeryReducer::sqr(BigNum& r, const BigNum& a) const {
+  const std::size_t k = mod().size();
+  if (k > kMaxInterleavedSquare || a.size() > k) return Reducer::sqr(r, a);
+  montMul(r, a, a, mod(), nPrime_);
+}
+
 RedNum MontgomeryReducer::fromBigNum(const BigNum& x) const {
   if (x.isZero()) return RedNum(BigNum(0u), this);
   if (x == BigNum(1u)) return RedNum(one_, this);
@@ -212,13 +272,15 @@ RedNum expByMod(const RedNum& base, const BigNum& e, const Reducer& red) {
 
   RedNum result = red.fromBigNum(BigNum(1u));
   unsigned window = 0, taken = 0;  // the open window's bits and how many there are
+  bool started = false;            // squaring the form of 1 before the first 1 bit is skipped
   for (unsigned i = e.size(); i-- > 0;) {
     for (int b = 31; b >= 0; --b) {
       const unsigned bit = (e[i] >> b) & 1;
       if (taken == 0 && bit == 0) {
-        squareTimes(result, tmp, 1);
+        if (started) squareTimes(result, tmp, 1);
         continue;
       }
+      started = true;
       window = 2 * window + bit;
       if (++taken == w) {
         squareTimes(result, tmp, w);

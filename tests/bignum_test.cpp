@@ -2,6 +2,8 @@
 // checked against OpenSSL's BN functions over random operands of 1 to 130 digits.
 #include <algorithm>
 #include <cctype>
+#include <fstream>
+#include <map>
 
 #include "bignum_support.h"
 #include "tessel/reducer.h"
@@ -488,6 +490,46 @@ TEST(Reducer, RandomBigNum) {
   } zeros;
   EXPECT_FALSE(randomBigNum(&out, max, zeros));  // every draw is 0, rejected 100 times
   EXPECT_EQ(zeros.calls, 100);
+}
+
+// ---- results computed once with Python integers (tests/data/gen_bignum_vectors.py) ----
+
+TEST(BigNumVectors, PythonIntegers) {
+  std::ifstream in(std::string(TESSEL_SOURCE_DIR) + "/tests/data/bignum_vectors.json");
+  ASSERT_TRUE(in) << "tests/data/bignum_vectors.json is missing";
+  const nlohmann::json cases = nlohmann::json::parse(in);
+  std::map<std::string, int> seen;
+  for (const auto& c : cases) {
+    const std::string op = c["op"];
+    ++seen[op];
+    auto num = [&](const char* name) { return hexNum(c[name].get<std::string>()); };
+    const BigNum a = num("a");
+    SCOPED_TRACE(op + " " + c["a"].get<std::string>().substr(0, 16));
+    BigNum r, q;
+    if (op == "mul") {
+      mul(r, a, num("b"));
+      EXPECT_EQ(r, num("product"));
+      sqr(r, a);
+      EXPECT_EQ(r, num("square"));
+    } else if (op == "div") {
+      div(a, num("b"), &q, &r);
+      EXPECT_EQ(q, num("q"));
+      EXPECT_EQ(r, num("r"));
+    } else if (op == "gcd") {
+      EXPECT_EQ(gcd(a, num("b")), num("gcd"));
+      EXPECT_EQ(lcm(a, num("b")), num("lcm"));
+    } else if (op == "inv") {
+      EXPECT_EQ(invByMod(a, num("m")), num("inverse"));
+    } else if (op == "exp") {
+      EXPECT_EQ(expByMod(a, num("e"), num("m")), num("power"));
+    } else if (op == "dec") {
+      EXPECT_EQ(a.strDec(), c["dec"].get<std::string>());
+      EXPECT_EQ(a.str(), c["a"].get<std::string>());
+    } else {
+      ADD_FAILURE() << "unknown op " << op;
+    }
+  }
+  for (const char* op : {"mul", "div", "gcd", "inv", "exp", "dec"}) EXPECT_GE(seen[op], 30) << op;
 }
 
 // ---- properties against OpenSSL's BN functions ----

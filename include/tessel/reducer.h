@@ -75,6 +75,11 @@ class MontgomeryReducer : public Reducer {
 
   // reduce is Montgomery reduction: x (below n·R) becomes x·R⁻¹ mod n, fully reduced.
   void reduce(BigNum& x) const override;
+  // mul and sqr give a·b·R⁻¹ mod n, exactly what the product followed by reduce() gives, but
+  // interleave the two steps for operands of at most k digits.
+  void mul(BigNum& r, const BigNum& a, const BigNum& b) const override;
+  void sqr(BigNum& r, const BigNum& a) const override;
+  using Reducer::mul;
   // fromBigNum returns x·R mod n; x need not be below n.
   RedNum fromBigNum(const BigNum& x) const override;
   RedNum fromBigNum(BigNum&& x) const override;
