@@ -373,32 +373,33 @@ void sqr(BigNum& r, const BigNum& a) {
 
 // ---- 256-bit fast paths ----
 
-void mul256(BigNum& r, const BigNum& a, const BigNum& b) {
-  if (a.size() != 8 || b.size() != 8) return mul(r, a, b);
+namespace {
+
+// product256 sets r to the 16 digits of x·y from four 4×4-digit blocks: low·low at digit 0,
+// high·high at digit 8 and the two cross blocks added at digit 4. A square forms its cross
+// block once and adds it twice.
+void product256(BigNum& r, const Digit* x, const Digit* y) {
   std::vector<Digit>& rd = r.digits();
   rd.resize(16);
-  const Digit* x = a.digits().data();
-  const Digit* y = b.digits().data();
   Digit cross[8];
   mul4(rd.data(), x, y);
   mul4(rd.data() + 8, x + 4, y + 4);
   mul4(cross, x, y + 4);
   addCross(rd.data(), cross);
-  mul4(cross, x + 4, y);
+  if (x != y) mul4(cross, x + 4, y);
   addCross(rd.data(), cross);
+}
+
+}  // namespace
+
+void mul256(BigNum& r, const BigNum& a, const BigNum& b) {
+  if (a.size() != 8 || b.size() != 8) return mul(r, a, b);
+  product256(r, a.digits().data(), b.digits().data());
 }
 
 void sqr256(BigNum& r, const BigNum& a) {
   if (a.size() != 8) return sqr(r, a);
-  std::vector<Digit>& rd = r.digits();
-  rd.resize(16);
-  const Digit* x = a.digits().data();
-  Digit cross[8];
-  mul4(rd.data(), x, x);
-  mul4(rd.data() + 8, x + 4, x + 4);
-  mul4(cross, x, x + 4);
-  addCross(rd.data(), cross);
-  addCross(rd.data(), cross);
+  product256(r, a.digits().data(), a.digits().data());
 }
 
 // ---- comparison ----

@@ -256,15 +256,16 @@ bool sqrtMod(const MontgomeryReducer& red, const RedNum& v, RedNum& r) {
   const unsigned s = lsb(pMinus1);
   const BigNum q = pMinus1 >> s;
   const RedNum one = red.fromBigNum(BigNum(1u));
-  const RedNum minusOne = red.fromBigNum(pMinus1);
+  RedNum t = expByMod(v, q, red);
+  r = expByMod(v, (q + BigNum(1u)) >> 1, red);
+  if (t.value == one.value) return true;  // always the case for a square when p ≡ 3 (mod 4)
+  if (s == 1) return false;
   // A non-residue z: z^((p−1)/2) = −1.
+  const RedNum minusOne = red.fromBigNum(pMinus1);
   RedNum z = red.fromBigNum(BigNum(2u));
   const BigNum half = pMinus1 >> 1;
-  while (!(expByMod(z, half, red).value == minusOne.value)) {
-    z += one;
-  }
-  RedNum c = expByMod(z, q, red), t = expByMod(v, q, red);
-  r = expByMod(v, (q + BigNum(1u)) >> 1, red);
+  while (!(expByMod(z, half, red).value == minusOne.value)) z += one;
+  RedNum c = expByMod(z, q, red);
   unsigned m = s;
   RedNum tmp, b;
   while (!(t.value == one.value)) {

@@ -246,6 +246,17 @@ struct OsslCurve {
   test::BnCtx ctx;
 };
 
+// forEachCurve runs `check` with our parameters and OpenSSL's group for every NIST curve.
+template <class Check>
+void forEachCurve(Check check) {
+  for (Curve c : kCurves) {
+    NamedCurve nc(c);
+    OsslCurve o(nid(c));
+    SCOPED_TRACE(nc.p.bits());
+    check(nc, o);
+  }
+}
+
 BigNum randomScalar(test::TestRng& rng, const BigNum& n) {
   BigNum k = test::randomNum(rng, test::randomSize(rng, n.size()));
   if (!(k < n)) div(k, n, nullptr, &k);
@@ -253,9 +264,7 @@ BigNum randomScalar(test::TestRng& rng, const BigNum& n) {
 }
 
 TEST(WCurveOracle, ParametersMatch) {
-  for (Curve c : kCurves) {
-    NamedCurve nc(c);
-    OsslCurve o(nid(c));
+  forEachCurve([&](const NamedCurve& nc, const OsslCurve& o) {
     Bn p = newBn(), a = newBn(), b = newBn();
     EC_GROUP_get_curve(o.group, p.get(), a.get(), b.get(), o.ctx);
     EXPECT_EQ(fromBn(p.get()), nc.p);
@@ -263,15 +272,12 @@ TEST(WCurveOracle, ParametersMatch) {
     EXPECT_EQ(fromBn(b.get()), nc.b);
     EXPECT_EQ(fromBn(EC_GROUP_get0_order(o.group)), nc.n);
     EXPECT_EQ(o.affine(EC_GROUP_get0_generator(o.group)), nc.G);
-  }
+  });
 }
 
 TEST(WCurveOracle, ScalarMultiplesOfTheBasePoint) {
   test::TestRng rng(51);
-  for (Curve c : kCurves) {
-    NamedCurve nc(c);
-    OsslCurve o(nid(c));
-    SCOPED_TRACE(nc.p.bits());
+  forEachCurve([&](const NamedCurve& nc, const OsslCurve& o) {
     std::vector<BigNum> scalars = {BigNum(0u), BigNum(1u), BigNum(2u), nc.n - BigNum(1u), nc.n,
                                    nc.n + BigNum(5u), (BigNum(1u) << nc.n.bits()) - BigNum(1u)};
     for (int i = 0; i < 60; ++i) scalars.push_back(randomScalar(rng, nc.n));
@@ -279,15 +285,12 @@ TEST(WCurveOracle, ScalarMultiplesOfTheBasePoint) {
       SCOPED_TRACE(k.str());
       ASSERT_EQ(nc.times(k), o.times(k));
     }
-  }
+  });
 }
 
 TEST(WCurveOracle, DoubleScalarMultiplication) {
   test::TestRng rng(52);
-  for (Curve c : kCurves) {
-    NamedCurve nc(c);
-    OsslCurve o(nid(c));
-    SCOPED_TRACE(nc.p.bits());
+  forEachCurve([&](const NamedCurve& nc, const OsslCurve& o) {
     for (int i = 0; i < 25; ++i) {
       const BigNum s = randomScalar(rng, nc.n), k1 = randomScalar(rng, nc.n);
       // Short second scalars exercise the digits that read as zero.
@@ -302,15 +305,12 @@ TEST(WCurveOracle, DoubleScalarMultiplication) {
       ASSERT_EQ(nc.curve.toEC(nc.curve.mul(k2, nc.curve.fromEC(q))), o.times(BigNum(0u), Q, &k2));
       EC_POINT_free(Q);
     }
-  }
+  });
 }
 
 TEST(WCurveOracle, PointEncodingAndDecoding) {
   test::TestRng rng(53);
-  for (Curve c : kCurves) {
-    NamedCurve nc(c);
-    OsslCurve o(nid(c));
-    SCOPED_TRACE(nc.p.bits());
+  forEachCurve([&](const NamedCurve& nc, const OsslCurve& o) {
     int oddY = 0;
     for (int i = 0; i < 40; ++i) {
       EC_POINT* P = o.point();
@@ -341,7 +341,7 @@ TEST(WCurveOracle, PointEncodingAndDecoding) {
       }
       EC_POINT_free(P);
     }
-  }
+  });
 }
 
 // A curve with a general coefficient a (brainpoolP256r1) takes the doubling path that uses the
