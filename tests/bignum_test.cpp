@@ -247,6 +247,17 @@ TEST(BigNumDiv, EdgeCases) {
       {bn3(0, 0, 1), bn2(0, 0x80000000), BigNum(2u), BigNum(0u)},
       // Top quotient digit from the repeated subtraction.
       {bn2(7, 0xffffffff), BigNum(0x80000000u), bn2(0xfffffffe, 1), BigNum(7u)},
+      // u[j] = v[n−1]: the digit estimate is 2^32 − 1.
+      {fromDigits({0, 0xfffffffe, 0, 0x80000000}), bn2(0xffffffff, 0x80000000), bn2(7, 0xfffffffe),
+       bn2(7, 0x7ffffff5)},
+      // The estimate is one too large after the correction: the add-back step.
+      {fromDigits({0, 0, 0x80000000, 0x7fffffff}), bn3(1, 0, 0x80000000), BigNum(0xfffffffeu),
+       bn3(2, 0xffffffff, 0x7fffffff)},
+      // The correction loop lowers the estimate twice.
+      {bn3(0x80000001, 1, 0x7fffffff), bn2(0xfffffffe, 0x80000000), BigNum(0xfffffffcu),
+       bn2(0x7ffffff9, 7)},
+      {fromDigits({2, 0x7fffffff, 0, 0x7fffffff}), bn3(0x80000000, 0xfffffffe, 0x80000000),
+       BigNum(0xfffffffcu), bn3(2, 0xfffffff9, 5)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.a.str() + " / " + c.b.str());
@@ -629,7 +640,9 @@ std::vector<std::pair<BigNum, BigNum>> divisionCases() {
     }
     cases.emplace_back(a, b);
   }
-  // Estimates of 2^32 − 1 and add-backs (the 32-bit forms of the classic halfword cases).
+  // Estimates of 2^32 − 1, add-backs and a correction loop of two rounds.
+  cases.emplace_back(bn3(0x80000001, 1, 0x7fffffff), bn2(0xfffffffe, 0x80000000));
+  cases.emplace_back(fromDigits({2, 0x7fffffff, 0, 0x7fffffff}), bn3(0x80000000, 0xfffffffe, 0x80000000));
   cases.emplace_back(fromDigits({0, 0xfffffffe, 0, 0x80000000}), fromDigits({0xffffffff, 0x80000000}));
   cases.emplace_back(fromDigits({0, 0, 0x80000000, 0x7fffffff}), fromDigits({1, 0, 0x80000000}));
   cases.emplace_back(fromDigits({0, 0xfffffffe, 0, 0x80000000}), fromDigits({0x0000ffff, 0x80000000}));
