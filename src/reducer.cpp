@@ -2,6 +2,7 @@
 #include "tessel/reducer.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -131,20 +132,17 @@ constexpr std::size_t kMaxInterleaved = 136;
 // by a separate reduction.
 constexpr std::size_t kMaxInterleavedSquare = 16;
 
-// montMul sets r = a·b·R⁻¹ mod n by the coarsely integrated operand scanning method: one
-// multiplication row and one reduction row per digit of b, in a k + 2 digit accumulator.
-// The result equals reduce(a·b): both add the unique M < R with a·b + M·n ≡ 0 (mod R).
-void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit nPrime) {
-  const std::size_t k = n.size();
-  Digit t[kMaxInterleaved + 2] = {};
-  Digit ad[kMaxInterleaved] = {};
-  std::copy(a.digits().begin(), a.digits().end(), ad);
-  const Digit* nd = n.digits().data();
+// cios accumulates a·b·R⁻¹ (below 2n) in t[0..k] by the coarsely integrated operand scanning
+// method: one multiplication row and one reduction row per digit of b, in k + 2 digits. `k` is
+// either a run-time count or a std::integral_constant, so the common curve sizes get loops of
+// fixed length that the compiler unrolls.
+template <class Len>
+void cios(Digit* t, const Digit* a, const Digit* b, const Digit* n, Digit nPrime, Len k) {
+  std::fill_n(t, k + 2, 0);
   for (std::size_t i = 0; i < k; ++i) {
-    const Digit bi = i < b.size() ? b[static_cast<unsigned>(i)] : 0;
     Wide c = 0;
     for (std::size_t j = 0; j < k; ++j) {
-      c += Wide{ad[j]} * bi + t[j];
+      c += Wide{a[j]} * b[i] + t[j];
       t[j] = static_cast<Digit>(c);
       c >>= 32;
     }
@@ -152,15 +150,37 @@ void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit
     t[k] = static_cast<Digit>(c);
     t[k + 1] = static_cast<Digit>(c >> 32);
     const Digit m = t[0] * nPrime;
-    c = (Wide{m} * nd[0] + t[0]) >> 32;
+    c = (Wide{m} * n[0] + t[0]) >> 32;
     for (std::size_t j = 1; j < k; ++j) {
-      c += Wide{m} * nd[j] + t[j];
+      c += Wide{m} * n[j] + t[j];
       t[j - 1] = static_cast<Digit>(c);
       c >>= 32;
     }
     c += t[k];
     t[k - 1] = static_cast<Digit>(c);
     t[k] = t[k + 1] + static_cast<Digit>(c >> 32);
+  }
+}
+
+template <std::size_t K>
+using Fixed = std::integral_constant<std::size_t, K>;
+
+// montMul sets r = a·b·R⁻¹ mod n for operands of at most k digits. The result equals
+// reduce(a·b): both add the unique M < R with a·b + M·n ≡ 0 (mod R), then subtract n once.
+void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit nPrime) {
+  const std::size_t k = n.size();
+  // Only the digits in use are cleared: these calls are the curves' inner loop.
+  Digit t[kMaxInterleaved + 2], ad[kMaxInterleaved], bd[kMaxInterleaved];
+  std::fill(std::copy(a.digits().begin(), a.digits().end(), ad), ad + k, 0);
+  std::fill(std::copy(b.digits().begin(), b.digits().end(), bd), bd + k, 0);
+  const Digit* nd = n.digits().data();
+  switch (k) {
+    case 6: cios(t, ad, bd, nd, nPrime, Fixed<6>{}); break;     // P-192
+    case 7: cios(t, ad, bd, nd, nPrime, Fixed<7>{}); break;     // P-224
+    case 8: cios(t, ad, bd, nd, nPrime, Fixed<8>{}); break;     // P-256
+    case 12: cios(t, ad, bd, nd, nPrime, Fixed<12>{}); break;   // P-384
+    case 17: cios(t, ad, bd, nd, nPrime, Fixed<17>{}); break;   // P-521
+    default: cios(t, ad, bd, nd, nPrime, k); break;
   }
   r.digits().assign(t, t + k + 1);
   r.clamp();
