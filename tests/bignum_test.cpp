@@ -397,6 +397,9 @@ TEST(Reducer, MontgomerySmallModulus) {
   RedNum a = red.fromBigNum(BigNum(3u)), b = red.fromBigNum(BigNum(5u)), r;
   mul(r, a, b);
   EXPECT_EQ(red.toBigNum(std::move(r)), BigNum(1u));
+  mul_redbn(r, a, b.value);
+  EXPECT_EQ(r.reducer, &red);
+  EXPECT_EQ(red.toBigNum(std::move(r)), BigNum(1u));
   EXPECT_EQ(red.toBigNum(inv(red.fromBigNum(BigNum(3u)))), BigNum(5u));
 }
 

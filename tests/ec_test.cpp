@@ -173,6 +173,20 @@ TEST(WCurveTest, GroupEdgeCases) {
   }
 }
 
+// The coefficient field: a curve given a = p − 3 explicitly takes the general doubling and must
+// agree with the a = −3 shortcut, and a curve given a = 0 is treated as a = −3.
+TEST(WCurveTest, CoefficientFieldRule) {
+  for (Curve c : {Curve::p224, Curve::p384}) {
+    NamedCurve nc(c);
+    MontgomeryReducer red(nc.p);
+    const WCurve general(nc.p, nc.a, &red), zero(nc.p, BigNum(0u), &red);
+    for (unsigned k : {2u, 3u, 1000003u}) {
+      EXPECT_EQ(general.toEC(general.mul(BigNum(k), general.fromEC(nc.G))), nc.times(BigNum(k)));
+      EXPECT_EQ(zero.toEC(zero.mul(BigNum(k), zero.fromEC(nc.G))), nc.times(BigNum(k)));
+    }
+  }
+}
+
 TEST(WCurveTest, OffCurvePointsAndSquareRoots) {
   for (Curve c : kCurves) {
     NamedCurve nc(c);
