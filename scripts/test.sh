@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up and runs the whole test suite: the native build (with a benchmark smoke run),
-# AddressSanitizer + UndefinedBehaviorSanitizer, and the 32-bit build.
+# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), and the 32-bit build.
 #   scripts/test.sh [native|sanitize|m32]...   (default: all three)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -42,9 +42,20 @@ for run in "${runs[@]}"; do
         { echo "test: benchmark run failed"; failed=$((failed + 1)); }
       ;;
     sanitize)
-      build build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTESSEL_SANITIZE=ON -DTESSEL_BENCH=OFF
+      # clang here, so every run of the suite also proves the code warning-free under both compilers.
+      build build/sanitize -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DTESSEL_SANITIZE=ON \
+        -DTESSEL_BENCH=OFF -DTESSEL_FUZZ=ON
       ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp \
         UBSAN_OPTIONS=print_stacktrace=1 ctest_run build/sanitize
+      echo "== fuzz corpus replay"
+      for corpus in fuzz/corpus/*/; do
+        name=$(basename "$corpus")
+        if build/sanitize/"${name}_fuzz" -runs=0 "$corpus" >/tmp/tessel-fuzz-$name.log 2>&1; then
+          passed=$((passed + 1)); echo "fuzz replay $name: $(ls "$corpus" | wc -l) inputs clean"
+        else
+          failed=$((failed + 1)); echo "fuzz replay $name FAILED:"; tail -30 /tmp/tessel-fuzz-$name.log
+        fi
+      done
       ;;
     m32)
       deps=$PWD/build-deps/i386

@@ -1,4 +1,6 @@
 #include "endian.h"
+#include "sha_x86.h"
+#include "tessel/cpu.h"
 #include "tessel/hash.h"
 
 namespace tessel {
@@ -15,6 +17,9 @@ void SHA1::init() {
 }
 
 void SHA1::compressBlocks(const unsigned char* p, std::size_t count) {
+#ifdef TESSEL_HAVE_SHA_X86
+  if (shaExtensionsInUse()) return detail::sha1CompressShaExt(state_, p, count);
+#endif
   for (; count > 0; --count, p += 64) {
     std::uint32_t w[16];
     for (int i = 0; i < 16; ++i) w[i] = loadBe32(p + 4 * i);

@@ -1,4 +1,6 @@
 #include "endian.h"
+#include "sha_x86.h"
+#include "tessel/cpu.h"
 #include "tessel/hash.h"
 
 namespace tessel {
@@ -27,6 +29,9 @@ void SHA256::init() {
 }
 
 void SHA256::compressBlocks(const unsigned char* p, std::size_t count) {
+#ifdef TESSEL_HAVE_SHA_X86
+  if (shaExtensionsInUse()) return detail::sha256CompressShaExt(state_, p, count, kK);
+#endif
   for (; count > 0; --count, p += 64) {
     std::uint32_t w[64];
     for (int i = 0; i < 16; ++i) w[i] = loadBe32(p + 4 * i);
@@ -37,10 +42,23 @@ void SHA256::compressBlocks(const unsigned char* p, std::size_t count) {
     }
     std::uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
     std::uint32_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
-    for (int i = 0; i < 64; ++i) {
+    // Eight rounds per pass with the register names rotated instead of the values moved.
+    auto round = [&](std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t& d, std::uint32_t e,
+                     std::uint32_t f, std::uint32_t g, std::uint32_t& h, int i) {
       std::uint32_t t1 = h + (rotr32(e, 6) ^ rotr32(e, 11) ^ rotr32(e, 25)) + ((e & f) ^ (~e & g)) + kK[i] + w[i];
       std::uint32_t t2 = (rotr32(a, 2) ^ rotr32(a, 13) ^ rotr32(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
-      h = g, g = f, f = e, e = d + t1, d = c, c = b, b = a, a = t1 + t2;
+      d += t1;
+      h = t1 + t2;
+    };
+    for (int i = 0; i < 64; i += 8) {
+      round(a, b, c, d, e, f, g, h, i);
+      round(h, a, b, c, d, e, f, g, i + 1);
+      round(g, h, a, b, c, d, e, f, i + 2);
+      round(f, g, h, a, b, c, d, e, i + 3);
+      round(e, f, g, h, a, b, c, d, i + 4);
+      round(d, e, f, g, h, a, b, c, i + 5);
+      round(c, d, e, f, g, h, a, b, i + 6);
+      round(b, c, d, e, f, g, h, a, i + 7);
     }
     state_[0] += a;
     state_[1] += b;

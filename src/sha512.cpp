@@ -53,10 +53,23 @@ void SHA512::compressBlocks(const unsigned char* p, std::size_t count) {
     }
     std::uint64_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
     std::uint64_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
-    for (int i = 0; i < 80; ++i) {
+    // Eight rounds per pass with the register names rotated instead of the values moved.
+    auto round = [&](std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t& d, std::uint64_t e,
+                     std::uint64_t f, std::uint64_t g, std::uint64_t& h, int i) {
       std::uint64_t t1 = h + (rotr64(e, 14) ^ rotr64(e, 18) ^ rotr64(e, 41)) + ((e & f) ^ (~e & g)) + kK[i] + w[i];
       std::uint64_t t2 = (rotr64(a, 28) ^ rotr64(a, 34) ^ rotr64(a, 39)) + ((a & b) ^ (a & c) ^ (b & c));
-      h = g, g = f, f = e, e = d + t1, d = c, c = b, b = a, a = t1 + t2;
+      d += t1;
+      h = t1 + t2;
+    };
+    for (int i = 0; i < 80; i += 8) {
+      round(a, b, c, d, e, f, g, h, i);
+      round(h, a, b, c, d, e, f, g, i + 1);
+      round(g, h, a, b, c, d, e, f, i + 2);
+      round(f, g, h, a, b, c, d, e, i + 3);
+      round(e, f, g, h, a, b, c, d, i + 4);
+      round(d, e, f, g, h, a, b, c, i + 5);
+      round(c, d, e, f, g, h, a, b, i + 6);
+      round(b, c, d, e, f, g, h, a, i + 7);
     }
     state_[0] += a;
     state_[1] += b;

@@ -4,6 +4,7 @@
 #include "openssl_oracle.h"
 #endif
 #include "support.h"
+#include "tessel/cpu.h"
 #include "tessel/hash.h"
 
 namespace tessel {
@@ -13,9 +14,9 @@ using test::Bytes;
 using test::toHex;
 
 unsigned idForName(const std::string& name) {
-  static const std::pair<const char*, unsigned> names[] = {
-      {"MD4", hashMd4},         {"MD5", hashMd5},         {"SHA-1", hashSha1},
-      {"SHA-256", hashSha256},  {"SHA-384", hashSha384},  {"SHA-512", hashSha512}};
+  static const std::pair<const char*, unsigned> names[] = {{"MD4", hashMd4},        {"MD5", hashMd5},
+                                                           {"SHA-1", hashSha1},     {"SHA-256", hashSha256},
+                                                           {"SHA-384", hashSha384}, {"SHA-512", hashSha512}};
   for (auto& [n, id] : names)
     if (name == n) return id;
   ADD_FAILURE() << "unknown algorithm in vectors: " << name;
@@ -46,13 +47,20 @@ TEST_P(DigestVectors, KnownAnswers) {
     } else {
       msg = *test::field(c, "message");
     }
-    auto h = test::makeSoftwareHash(idForName(c["algorithm"]));
-    ASSERT_TRUE(h);
+    const unsigned id = idForName(c["algorithm"]);
     const std::string expected = c["digest"];
-    // One call, byte by byte, then again on the same object: a digest leaves it reusable.
-    EXPECT_EQ(toHex(h->update(msg).digest()), expected);
-    for (unsigned char b : msg) h->update(&b, 1);
-    EXPECT_EQ(toHex(h->digest()), expected);
+    for (const auto& path : test::digestCodePaths()) {
+      SCOPED_TRACE(path.name);
+      test::UseCodePath use(path);
+      if (id == hashSha1 || id == hashSha256) {
+        EXPECT_EQ(shaExtensionsInUse(), !path.portable);
+      }
+      auto h = test::makeSoftwareHash(id);
+      // One call, byte by byte, then again on the same object: a digest leaves it reusable.
+      EXPECT_EQ(toHex(h->update(msg).digest()), expected);
+      for (unsigned char b : msg) h->update(&b, 1);
+      EXPECT_EQ(toHex(h->digest()), expected);
+    }
   }
 }
 
@@ -105,19 +113,25 @@ TEST(Digest, Md5Sha1IsTheConcatenation) {
 // OpenSSL. A failure prints the seed and length needed to replay it.
 TEST(Digest, MatchesOpenSslForRandomMessagesAndSplits) {
   ASSERT_TRUE(test::legacyProviders());
-  test::TestRng rng(0x7e55e1);
-  for (unsigned id = 1; id <= 7; ++id) {
-    auto h = test::makeSoftwareHash(id);
-    for (int i = 0; i < 2000; ++i) {
-      std::size_t len;
-      if (i < 300) len = static_cast<std::size_t>(i);  // every length up to past two 128-byte blocks
-      else if (i % 3 == 0) len = 128 * rng.below(33) + rng.below(3) - 1 + (rng.below(2) ? 0 : 8);  // near block edges
-      else len = rng.below(4096);
-      if (len > 5000) len = 0;  // the edge formula can wrap below zero
-      Bytes msg = rng.bytes(len);
-      auto pieces = test::randomSplits(rng, len);
-      ASSERT_EQ(toHex(digestBySplits(*h, msg, pieces)), toHex(test::opensslDigest(id, msg)))
-          << "id " << id << " iteration " << i << " length " << len;
+  for (const auto& path : test::digestCodePaths()) {
+    test::UseCodePath use(path);
+    test::TestRng rng(0x7e55e1);
+    for (unsigned id = 1; id <= 7; ++id) {
+      auto h = test::makeSoftwareHash(id);
+      for (int i = 0; i < 2000; ++i) {
+        std::size_t len;
+        if (i < 300)
+          len = static_cast<std::size_t>(i);  // every length up to past two 128-byte blocks
+        else if (i % 3 == 0)
+          len = 128 * rng.below(33) + rng.below(3) - 1 + (rng.below(2) ? 0 : 8);  // near block edges
+        else
+          len = rng.below(4096);
+        if (len > 5000) len = 0;  // the edge formula can wrap below zero
+        Bytes msg = rng.bytes(len);
+        auto pieces = test::randomSplits(rng, len);
+        ASSERT_EQ(toHex(digestBySplits(*h, msg, pieces)), toHex(test::opensslDigest(id, msg)))
+            << path.name << " id " << id << " iteration " << i << " length " << len;
+      }
     }
   }
 }

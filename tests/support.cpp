@@ -1,7 +1,10 @@
 #include "support.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+
+#include "tessel/cpu.h"
 
 namespace tessel::test {
 
@@ -59,6 +62,16 @@ std::unique_ptr<Hash> makeSoftwareHash(unsigned id) {
     default: return nullptr;
   }
 }
+
+std::vector<CodePath> digestCodePaths() {
+  std::vector<CodePath> paths = {{"portable", true}};
+  if (cpuHasShaExtensions()) paths.push_back({"sha-extensions", false});
+  else std::printf("note: no SHA extensions on this processor; only the portable digests are tested\n");
+  return paths;
+}
+
+UseCodePath::UseCodePath(const CodePath& path) { forcePortable(path.portable); }
+UseCodePath::~UseCodePath() { forcePortable(false); }
 
 std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total) {
   std::vector<std::size_t> pieces;

@@ -35,6 +35,25 @@ std::optional<Bytes> field(const nlohmann::json& c, const std::string& name);
 // makeSoftwareHash returns the software digest for a HashID (1..7), or null.
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
 
+// CodePath is one implementation an algorithm can run on; every vector runs through each.
+struct CodePath {
+  const char* name;
+  bool portable;
+};
+
+// digestCodePaths lists the portable path and, when this processor has the SHA extensions, the
+// accelerated one.
+std::vector<CodePath> digestCodePaths();
+
+// UseCodePath selects a code path for its lifetime and restores automatic choice afterwards.
+class UseCodePath {
+ public:
+  explicit UseCodePath(const CodePath& path);
+  ~UseCodePath();
+  UseCodePath(const UseCodePath&) = delete;
+  UseCodePath& operator=(const UseCodePath&) = delete;
+};
+
 // Deterministic randomness for property tests, so a failure can be replayed from its seed.
 class TestRng {
  public:

@@ -21,6 +21,11 @@ std::string reportedSourceName(const char* path);
 
 }  // namespace tessel::detail
 
+// TESSEL_ASSERT_TEXT checks `cond` but reports `text` as the condition: for checks written in a
+// form that cannot overflow while the message keeps the condition's familiar wording.
+#define TESSEL_ASSERT_TEXT(cond, text)                                                        \
+  ((cond) ? static_cast<void>(0) : ::tessel::detail::assertFail(text, __FILE__, __LINE__, __func__))
+
 #define TESSEL_ASSERT(cond)                                                                   \
   ((cond) ? static_cast<void>(0)                                                              \
           : ::tessel::detail::assertFail(#cond, __FILE__, __LINE__, __func__))

@@ -1,4 +1,4 @@
-// asn1::blob, the non-owning byte range that parsers, number conversions and encoders share.
+// asn1::blob: a non-owning view of bytes, the currency of every DER parse and encode.
 #pragma once
 
 #include <cstddef>
@@ -11,44 +11,53 @@
 
 namespace tessel::asn1 {
 
-// blob views the bytes [start, finish) of a buffer it does not own; the buffer must outlive
-// it. A default blob has both pointers null and is empty.
+// blob is the byte range [start, finish). It owns nothing: the bytes must outlive it. A default
+// blob is empty with both pointers null.
 struct blob {
   const unsigned char* start = nullptr;
   const unsigned char* finish = nullptr;
 
   blob() = default;
   blob(const unsigned char* s, const unsigned char* f) : start(s), finish(f) {}
-  blob(const unsigned char* s, std::size_t len) : start(s), finish(s + len) {}
-  blob(const std::vector<unsigned char>& v) : start(v.data()), finish(v.data() + v.size()) {}
+  blob(const unsigned char* s, std::size_t n) : start(s), finish(s + n) {}
   blob(std::span<const unsigned char> s) : start(s.data()), finish(s.data() + s.size()) {}
+  blob(const std::vector<unsigned char>& v) : start(v.data()), finish(v.data() + v.size()) {}
+  explicit blob(std::string_view s)
+      : start(reinterpret_cast<const unsigned char*>(s.data())), finish(start + s.size()) {}
 
   std::size_t size() const { return static_cast<std::size_t>(finish - start); }
   bool empty() const { return start == finish; }
   const unsigned char* begin() const { return start; }
   const unsigned char* end() const { return finish; }
+  const unsigned char* data() const { return start; }
   unsigned char operator[](std::size_t i) const { return start[i]; }
+  std::span<const unsigned char> span() const { return {start, size()}; }
+  std::vector<unsigned char> vec() const { return {start, finish}; }
 
-  // pop_front returns the first byte and steps past it. Callers check the size first; popping
-  // from an empty blob is a programming error and aborts.
+  // pop_front returns the first byte and advances past it. Popping from an empty blob is a
+  // programming error: callers check the size first.
   unsigned char pop_front() {
     TESSEL_ASSERT(start < finish);
     return *start++;
   }
 
-  // pop_front(sz) returns the first `sz` bytes as a blob and steps past them; asking for more
-  // bytes than remain aborts.
+  // pop_front returns the first `sz` bytes and advances past them; `sz` must not exceed size().
   blob pop_front(std::size_t sz) {
-    TESSEL_ASSERT(start + sz <= finish);
+    TESSEL_ASSERT_TEXT(sz <= size(), "start + sz <= finish");
     blob head(start, sz);
     start += sz;
     return head;
   }
-};
 
-// Two blobs are equal when they have the same length and the same bytes.
-inline bool operator==(const blob& a, const blob& b) {
-  return a.size() == b.size() && (a.empty() || std::memcmp(a.start, b.start, a.size()) == 0);
-}
+  // Two blobs are equal when they hold the same bytes, wherever they point.
+  friend bool operator==(const blob& a, const blob& b) {
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.start, b.start, a.size()) == 0);
+  }
+  // Ordered by length, then bytes.
+  friend bool operator<(const blob& a, const blob& b) {
+    if (a.size() != b.size()) return a.size() < b.size();
+    return !a.empty() && std::memcmp(a.start, b.start, a.size()) < 0;
+  }
+};
 
 }  // namespace tessel::asn1

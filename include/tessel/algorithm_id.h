@@ -1,0 +1,57 @@
+// Algorithm identifiers: digest, key and signature algorithms to and from their OIDs, the raw
+// AlgorithmIdentifier record, and the DigestInfo writer of PKCS#1 v1.5 signatures.
+#pragma once
+
+#include <vector>
+
+#include "tessel/asn1.h"
+#include "tessel/hash.h"
+
+namespace tessel {
+
+// KeyType numbers the key algorithms. The values are stable (stored and compared as numbers);
+// 1 is unused.
+enum KeyType : unsigned {
+  keyRsa = 0,
+  keyEc = 2,       // ECDSA/ECDH over the NIST curves
+  keyEd25519 = 3,
+  keyX25519 = 4,
+};
+
+// AlgorithmIdentifier is an OID with its parameters kept as raw DER.
+struct AlgorithmIdentifier {
+  std::vector<unsigned char> oid;     // OID content bytes (no tag or length)
+  std::vector<unsigned char> params;  // the whole parameters element; empty when absent
+};
+
+// getHashOid returns the OID content of MD5, SHA-1, SHA-256, SHA-384 or SHA-512 (pointing at
+// constant data), or an empty blob for any other id.
+asn1::blob getHashOid(unsigned hash);
+// getHashID maps a digest OID, or the HMAC-SHA1/256/512 OIDs, to its HashID; 0 for anything
+// else (HMAC-SHA384 included, which no peer of ours sends).
+HashID getHashID(asn1::blob oid);
+// saveHash writes the digest AlgorithmIdentifier SEQUENCE { OID, NULL }.
+void saveHash(DerEncoder& e, unsigned hash);
+// saveDigest writes the PKCS#1 DigestInfo SEQUENCE { AlgorithmIdentifier, OCTET STRING digest }.
+void saveDigest(DerEncoder& e, unsigned hash, asn1::blob digest);
+// getHashFromDER reads a complete digest AlgorithmIdentifier, which must carry NULL
+// parameters; 0 on any other shape.
+HashID getHashFromDER(asn1::blob der);
+// getKeyInfoFromKeyHash returns the signature algorithm OID for a key type and digest, or an
+// empty blob for a combination we do not sign with (MD5 with RSA among them).
+asn1::blob getKeyInfoFromKeyHash(unsigned keyType, unsigned hash);
+// parseAlgosFromKeyInfo reads a complete signature AlgorithmIdentifier (an OID, optionally one
+// NULL, nothing else) and sets both outputs on a known OID; false, outputs untouched, otherwise.
+bool parseAlgosFromKeyInfo(asn1::blob der, KeyType* keyType, HashID* hash);
+// keyTypeFromOid maps a public-key algorithm OID to its KeyType; unknown OIDs read as RSA, the
+// type of every key the appliance stored before other types existed.
+KeyType keyTypeFromOid(asn1::blob oid);
+// parse reads the content of an AlgorithmIdentifier SEQUENCE: an OID and at most one further
+// element, copied whole into params. False when the OID is missing or more elements follow.
+bool parse(AlgorithmIdentifier& id, asn1::blob content);
+// save writes SEQUENCE { OID, params as stored }; empty params add nothing.
+void save(const AlgorithmIdentifier& id, DerEncoder& e);
+// encode is save into a fresh encoder.
+std::vector<unsigned char> encode(const AlgorithmIdentifier& id);
+
+}  // namespace tessel

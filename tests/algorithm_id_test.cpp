@@ -1,0 +1,140 @@
+#include "tessel/algorithm_id.h"
+
+#if TESSEL_HAVE_OPENSSL
+#include <openssl/objects.h>
+#endif
+
+#include "support.h"
+
+namespace tessel {
+namespace {
+
+using test::Bytes;
+using test::fromHex;
+using test::toHex;
+
+// der wraps hex element bytes in a SEQUENCE.
+Bytes seq(const std::string& hex) {
+  DerEncoder e;
+  e.sequence([&](DerEncoder& s) { s.addBytes(asn1::blob(fromHex(hex))); });
+  return e.data;
+}
+
+const std::string kSha256Oid = "0609608648016503040201";
+const std::string kSha256RsaOid = "06092a864886f70d01010b";
+
+#if TESSEL_HAVE_OPENSSL
+Bytes opensslOid(const char* dotted) {
+  ASN1_OBJECT* obj = OBJ_txt2obj(dotted, 1);
+  Bytes out(OBJ_get0_data(obj), OBJ_get0_data(obj) + OBJ_length(obj));
+  ASN1_OBJECT_free(obj);
+  return out;
+}
+
+// Every OID constant of ours against OpenSSL's encoding of its dotted form.
+TEST(AlgorithmId, OidConstantsMatchTheirDottedForms) {
+  const std::pair<unsigned, const char*> digests[] = {{hashMd5, "1.2.840.113549.2.5"},
+                                                      {hashSha1, "1.3.14.3.2.26"},
+                                                      {hashSha256, "2.16.840.1.101.3.4.2.1"},
+                                                      {hashSha384, "2.16.840.1.101.3.4.2.2"},
+                                                      {hashSha512, "2.16.840.1.101.3.4.2.3"}};
+  for (auto [id, dotted] : digests) {
+    EXPECT_EQ(toHex(getHashOid(id).vec()), toHex(opensslOid(dotted))) << dotted;
+    EXPECT_EQ(getHashID(asn1::blob(opensslOid(dotted))), id) << dotted;
+  }
+  const std::tuple<unsigned, unsigned, const char*> signatures[] = {
+      {keyRsa, hashSha1, "1.2.840.113549.1.1.5"},     {keyRsa, hashSha256, "1.2.840.113549.1.1.11"},
+      {keyRsa, hashSha384, "1.2.840.113549.1.1.12"},  {keyRsa, hashSha512, "1.2.840.113549.1.1.13"},
+      {keyEc, hashSha1, "1.2.840.10045.4.1"},         {keyEc, hashSha256, "1.2.840.10045.4.3.2"},
+      {keyEc, hashSha384, "1.2.840.10045.4.3.3"},     {keyEc, hashSha512, "1.2.840.10045.4.3.4"},
+      {keyEd25519, hashNone, "1.3.101.112"},          {keyX25519, hashNone, "1.3.101.110"}};
+  for (auto [key, hash, dotted] : signatures) {
+    Bytes oid = opensslOid(dotted);
+    EXPECT_EQ(toHex(getKeyInfoFromKeyHash(key, hash).vec()), toHex(oid)) << dotted;
+    KeyType k{};
+    HashID h{};
+    DerEncoder e;
+    e.sequence([&](DerEncoder& s) { s.addOid(asn1::blob(oid)); });
+    ASSERT_TRUE(parseAlgosFromKeyInfo(asn1::blob(e.data), &k, &h)) << dotted;
+    EXPECT_EQ(k, key);
+    EXPECT_EQ(h, hash);
+  }
+  const std::pair<const char*, KeyType> keys[] = {{"1.2.840.113549.1.1.1", keyRsa}, {"1.2.840.10045.2.1", keyEc},
+                                                  {"1.3.101.112", keyEd25519},      {"1.3.101.110", keyX25519},
+                                                  {"1.3.101.111", keyRsa} /* X448: unknown reads as RSA */};
+  for (auto [dotted, type] : keys) EXPECT_EQ(keyTypeFromOid(asn1::blob(opensslOid(dotted))), type) << dotted;
+}
+#endif
+
+TEST(AlgorithmId, HashLookupsAndRefusals) {
+  EXPECT_EQ(getHashID(asn1::blob(fromHex("2a864886f70d020b"))), hashSha512);  // HMAC-SHA512
+  EXPECT_EQ(getHashID(asn1::blob(fromHex("2a864886f70d0207"))), hashSha1);    // HMAC-SHA1
+  EXPECT_EQ(getHashID(asn1::blob(fromHex("2a864886f70d020a"))), hashNone);    // HMAC-SHA384: not ours
+  for (unsigned id : {0u, 1u, 2u, 8u}) EXPECT_TRUE(getHashOid(id).empty()) << id;
+  EXPECT_TRUE(getKeyInfoFromKeyHash(keyRsa, hashMd5).empty());
+  EXPECT_TRUE(getKeyInfoFromKeyHash(keyEd25519, hashSha256).empty());
+  EXPECT_TRUE(getKeyInfoFromKeyHash(keyEc, hashNone).empty());
+  EXPECT_TRUE(getKeyInfoFromKeyHash(1, hashSha256).empty());
+}
+
+TEST(AlgorithmId, DigestIdentifiersNeedTheirNull) {
+  const std::pair<std::string, HashID> rows[] = {
+      {toHex(seq(kSha256Oid + "0500")), hashSha256}, {toHex(seq(kSha256Oid)), hashNone},
+      {toHex(seq(kSha256Oid + "020100")), hashNone}, {toHex(seq("0500" + kSha256Oid)), hashNone},
+      {"0609608648016503040201", hashNone},          {"300d0609608648016503040201", hashNone}};
+  for (const auto& [hex, id] : rows) EXPECT_EQ(getHashFromDER(asn1::blob(fromHex(hex))), id) << hex;
+  DerEncoder e;
+  saveDigest(e, hashSha256, asn1::blob(Bytes(32, 0xab)));
+  // The DigestInfo prefix every PKCS#1 v1.5 SHA-256 signature carries (RFC 8017 section 9.2).
+  std::string digestHex;
+  for (int i = 0; i < 32; ++i) digestHex += "ab";
+  EXPECT_EQ(toHex(e.data), "3031300d060960864801650304020105000420" + digestHex);
+}
+
+TEST(AlgorithmId, SignatureIdentifierShapes) {
+  struct Row {
+    std::string hex;
+    bool ok;
+  };
+  const Row rows[] = {{toHex(seq(kSha256RsaOid + "0500")), true}, {toHex(seq(kSha256RsaOid)), true},
+                      {toHex(seq(kSha256RsaOid + "020100")), false}, {toHex(seq(kSha256RsaOid + "05000500")), false},
+                      {toHex(seq("06082a8648ce3d040301")), false} /* ECDSA with SHA-224 */,
+                      {kSha256RsaOid, false}};
+  for (const Row& r : rows) {
+    KeyType k = keyX25519;
+    HashID h = hashMd4;
+    EXPECT_EQ(parseAlgosFromKeyInfo(asn1::blob(fromHex(r.hex)), &k, &h), r.ok) << r.hex;
+    if (r.ok) {
+      EXPECT_EQ(k, keyRsa);
+      EXPECT_EQ(h, hashSha256);
+    } else {
+      EXPECT_EQ(k, keyX25519) << "outputs must stay untouched";
+      EXPECT_EQ(h, hashMd4);
+    }
+  }
+}
+
+TEST(AlgorithmId, RawIdentifierParseAndSave) {
+  struct Row {
+    std::string content;
+    bool ok;
+    std::string params;
+  };
+  const Row rows[] = {{kSha256Oid, true, ""},
+                      {kSha256Oid + "0500", true, "0500"},
+                      {kSha256Oid + "3003020101", true, "3003020101"},
+                      {kSha256Oid + "05000500", false, ""},
+                      {"0500", false, ""},
+                      {kSha256Oid + "05", false, ""}};
+  for (const Row& r : rows) {
+    AlgorithmIdentifier id;
+    ASSERT_EQ(parse(id, asn1::blob(fromHex(r.content))), r.ok) << r.content;
+    if (!r.ok) continue;
+    EXPECT_EQ(toHex(id.oid), kSha256Oid.substr(4));
+    EXPECT_EQ(toHex(id.params), r.params);
+    EXPECT_EQ(toHex(encode(id)), toHex(seq(r.content)));  // written back as found
+  }
+}
+
+}  // namespace
+}  // namespace tessel
