@@ -13,6 +13,13 @@ namespace {
 using Digit = BigNum::Digit;
 using Wide = std::uint64_t;
 
+// addProduct adds x·y to a column sum kept as separate sums of low and high halves.
+inline void addProduct(Wide& lo, Wide& hi, Digit x, Digit y) {
+  const Wide p = Wide{x} * y;
+  lo += static_cast<Digit>(p);
+  hi += p >> 32;
+}
+
 }  // namespace
 
 // mod1 is defined before emptyReducer, which refers to it.
@@ -132,34 +139,37 @@ constexpr std::size_t kMaxInterleaved = 136;
 // by a separate reduction.
 constexpr std::size_t kMaxInterleavedSquare = 16;
 
-// cios accumulates a·b·R⁻¹ (below 2n) in t[0..k] by the coarsely integrated operand scanning
-// method: one multiplication row and one reduction row per digit of b, in k + 2 digits. `k` is
-// either a run-time count or a std::integral_constant, so the common curve sizes get loops of
-// fixed length that the compiler unrolls.
+// fips accumulates a·b·R⁻¹ (below 2n) in t[0..k] by finely integrated product scanning: column
+// by column, the products a[j]·b[i−j] and m[j]·n[i−j] are summed with their low and high
+// halves kept apart, so the terms of a column do not wait on each other's carries. m[i] is
+// chosen so that column i ends in a zero digit. `k` is either a run-time count or a
+// std::integral_constant, so the common curve sizes get loops of fixed length.
 template <class Len>
-void cios(Digit* t, const Digit* a, const Digit* b, const Digit* n, Digit nPrime, Len k) {
-  std::fill_n(t, k + 2, 0);
+void fips(Digit* t, const Digit* a, const Digit* b, const Digit* n, Digit nPrime, Len k) {
+  Digit m[kMaxInterleaved];
+  Wide carry = 0;
   for (std::size_t i = 0; i < k; ++i) {
-    Wide c = 0;
-    for (std::size_t j = 0; j < k; ++j) {
-      c += Wide{a[j]} * b[i] + t[j];
-      t[j] = static_cast<Digit>(c);
-      c >>= 32;
+    Wide lo = carry, hi = 0;
+    for (std::size_t j = 0; j < i; ++j) {
+      addProduct(lo, hi, a[j], b[i - j]);
+      addProduct(lo, hi, m[j], n[i - j]);
     }
-    c += t[k];
-    t[k] = static_cast<Digit>(c);
-    t[k + 1] = static_cast<Digit>(c >> 32);
-    const Digit m = t[0] * nPrime;
-    c = (Wide{m} * n[0] + t[0]) >> 32;
-    for (std::size_t j = 1; j < k; ++j) {
-      c += Wide{m} * n[j] + t[j];
-      t[j - 1] = static_cast<Digit>(c);
-      c >>= 32;
-    }
-    c += t[k];
-    t[k - 1] = static_cast<Digit>(c);
-    t[k] = t[k + 1] + static_cast<Digit>(c >> 32);
+    addProduct(lo, hi, a[i], b[0]);
+    m[i] = static_cast<Digit>(lo) * nPrime;
+    addProduct(lo, hi, m[i], n[0]);
+    carry = (lo >> 32) + hi;
   }
+  for (std::size_t i = k; i + 1 < 2 * k; ++i) {
+    Wide lo = carry, hi = 0;
+    for (std::size_t j = i + 1 - k; j < k; ++j) {
+      addProduct(lo, hi, a[j], b[i - j]);
+      addProduct(lo, hi, m[j], n[i - j]);
+    }
+    t[i - k] = static_cast<Digit>(lo);
+    carry = (lo >> 32) + hi;
+  }
+  t[k - 1] = static_cast<Digit>(carry);
+  t[k] = static_cast<Digit>(carry >> 32);
 }
 
 template <std::size_t K>
@@ -169,18 +179,19 @@ using Fixed = std::integral_constant<std::size_t, K>;
 // reduce(a·b): both add the unique M < R with a·b + M·n ≡ 0 (mod R), then subtract n once.
 void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit nPrime) {
   const std::size_t k = n.size();
-  // Only the digits in use are cleared: these calls are the curves' inner loop.
-  Digit t[kMaxInterleaved + 2], ad[kMaxInterleaved], bd[kMaxInterleaved];
+  // The operands are padded to k digits; nothing beyond the digits in use is touched, since
+  // these calls are the curves' inner loop.
+  Digit t[kMaxInterleaved + 1], ad[kMaxInterleaved], bd[kMaxInterleaved];
   std::fill(std::copy(a.digits().begin(), a.digits().end(), ad), ad + k, 0);
   std::fill(std::copy(b.digits().begin(), b.digits().end(), bd), bd + k, 0);
   const Digit* nd = n.digits().data();
   switch (k) {
-    case 6: cios(t, ad, bd, nd, nPrime, Fixed<6>{}); break;     // P-192
-    case 7: cios(t, ad, bd, nd, nPrime, Fixed<7>{}); break;     // P-224
-    case 8: cios(t, ad, bd, nd, nPrime, Fixed<8>{}); break;     // P-256
-    case 12: cios(t, ad, bd, nd, nPrime, Fixed<12>{}); break;   // P-384
-    case 17: cios(t, ad, bd, nd, nPrime, Fixed<17>{}); break;   // P-521
-    default: cios(t, ad, bd, nd, nPrime, k); break;
+    case 6: fips(t, ad, bd, nd, nPrime, Fixed<6>{}); break;     // P-192
+    case 7: fips(t, ad, bd, nd, nPrime, Fixed<7>{}); break;     // P-224
+    case 8: fips(t, ad, bd, nd, nPrime, Fixed<8>{}); break;     // P-256
+    case 12: fips(t, ad, bd, nd, nPrime, Fixed<12>{}); break;   // P-384
+    case 17: fips(t, ad, bd, nd, nPrime, Fixed<17>{}); break;   // P-521
+    default: fips(t, ad, bd, nd, nPrime, k); break;
   }
   r.digits().assign(t, t + k + 1);
   r.clamp();
