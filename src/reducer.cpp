@@ -1,0 +1,352 @@
+// Reducers, residues, modular exponentiation and inversion, and bounded random numbers.
+#include "tessel/reducer.h"
+
+#include <algorithm>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace tessel {
+
+namespace {
+
+using Digit = BigNum::Digit;
+using Wide = std::uint64_t;
+
+// addProduct adds x·y to a column sum kept as separate sums of low and high halves.
+inline void addProduct(Wide& lo, Wide& hi, Digit x, Digit y) {
+  const Wide p = Wide{x} * y;
+  lo += static_cast<Digit>(p);
+  hi += p >> 32;
+}
+
+}  // namespace
+
+// mod1 is defined before emptyReducer, which refers to it.
+BigNum RedNum::mod1(1u);
+Reducer RedNum::emptyReducer(RedNum::mod1);
+
+// ---- plain reducer ----
+
+void Reducer::reduce(BigNum&) const {}
+
+void Reducer::mul(BigNum& r, const BigNum& a, const BigNum& b) const {
+  tessel::mul(r, a, b);
+  reduce(r);
+}
+
+void Reducer::mul(BigNum& r, unsigned k) const {
+  r *= k;
+  while (*mod_ < r) r -= *mod_;
+}
+
+void Reducer::sqr(BigNum& r, const BigNum& a) const {
+  tessel::sqr(r, a);
+  reduce(r);
+}
+
+RedNum Reducer::fromBigNum(const BigNum& x) const { return RedNum(x, this); }
+RedNum Reducer::fromBigNum(BigNum&& x) const { return RedNum(x, this); }
+BigNum Reducer::toBigNum(RedNum&& x) const { return std::move(x.value); }
+
+// ---- residues ----
+
+RedNum& RedNum::operator+=(const RedNum& y) {
+  value += y.value;
+  if (mod() < value) value -= mod();
+  return *this;
+}
+
+RedNum& RedNum::operator-=(const RedNum& y) {
+  if (value < y.value) value += mod();
+  value -= y.value;
+  return *this;
+}
+
+void mul(RedNum& r, const RedNum& a, const RedNum& b) {
+  r.reducer = a.reducer;
+  a.reducer->mul(r.value, a.value, b.value);
+}
+
+void mul_redbn(RedNum& r, const RedNum& a, const BigNum& b) {
+  r.reducer = a.reducer;
+  a.reducer->mul(r.value, a.value, b);
+}
+
+void mul(RedNum& r, unsigned k) { r.reducer->mul(r.value, k); }
+
+void sqr(RedNum& r, const RedNum& a) {
+  r.reducer = a.reducer;
+  a.reducer->sqr(r.value, a.value);
+}
+
+RedNum inv(RedNum&& x) {
+  const Reducer* red = x.reducer;
+  BigNum plain = red->toBigNum(std::move(x));
+  return red->fromBigNum(invByMod(plain, red->mod()));
+}
+
+// ---- Montgomery ----
+
+MontgomeryReducer::MontgomeryReducer(const BigNum& n) : Reducer(n) {
+  // −n⁻¹ mod 2^32 by Newton iteration from an inverse modulo 16; all arithmetic wraps.
+  const Digit d = n[0];
+  Digit y = d + ((2 * d + 4) & 8);
+  y *= 2 - d * y;
+  y *= 2 - d * y;
+  nPrime_ = (d * y - 2) * y;
+  // R mod n: from 2^(bits − 1) < n, double up to 2^(32·k), subtracting n whenever reached.
+  const unsigned b = n.bits() - 1;
+  one_ = BigNum(1u) << b;
+  for (unsigned i = 0; i < 32 - b % 32; ++i) {
+    one_ <<= 1;
+    if (!(one_ < n)) one_ -= n;
+  }
+}
+
+void MontgomeryReducer::reduce(BigNum& x) const {
+  const BigNum& n = mod();
+  const std::size_t k = n.size();
+  std::vector<Digit>& xd = x.digits();
+  if (xd.size() < 2 * k + 1) xd.resize(2 * k + 1, 0);
+  const Digit* nd = n.digits().data();
+  for (std::size_t i = 0; i < k; ++i) {
+    const Digit m = xd[i] * nPrime_;
+    Digit* row = xd.data() + i;
+    Wide carry = 0;
+    for (std::size_t j = 0; j < k; ++j) {
+      const Wide t = Wide{m} * nd[j] + row[j] + carry;
+      row[j] = static_cast<Digit>(t);
+      carry = t >> 32;
+    }
+    for (std::size_t j = i + k; carry && j < xd.size(); ++j) {
+      const Wide t = Wide{xd[j]} + carry;
+      xd[j] = static_cast<Digit>(t);
+      carry = t >> 32;
+    }
+  }
+  x.clamp();
+  x.shiftRightByDigits(static_cast<unsigned>(k));
+  if (!(x < n)) x -= n;
+}
+
+namespace {
+
+// kMaxInterleaved bounds the modulus size of the interleaved product, whose scratch lives on
+// the stack (4096-bit RSA needs 128 digits); larger moduli take the two-step path.
+constexpr std::size_t kMaxInterleaved = 136;
+// Squares of larger moduli are cheaper as a plain square (half the cross products) followed
+// by a separate reduction.
+constexpr std::size_t kMaxInterleavedSquare = 16;
+
+// fips accumulates a·b·R⁻¹ (below 2n) in t[0..k] by finely integrated product scanning: column
+// by column, the products a[j]·b[i−j] and m[j]·n[i−j] are summed with their low and high
+// halves kept apart, so the terms of a column do not wait on each other's carries. m[i] is
+// chosen so that column i ends in a zero digit. `k` is either a run-time count or a
+// std::integral_constant, so the common curve sizes get loops of fixed length.
+template <class Len>
+void fips(Digit* t, const Digit* a, const Digit* b, const Digit* n, Digit nPrime, Len k) {
+  Digit m[kMaxInterleaved];
+  Wide carry = 0;
+  for (std::size_t i = 0; i < k; ++i) {
+    Wide lo = carry, hi = 0;
+    for (std::size_t j = 0; j < i; ++j) {
+      addProduct(lo, hi, a[j], b[i - j]);
+      addProduct(lo, hi, m[j], n[i - j]);
+    }
+    addProduct(lo, hi, a[i], b[0]);
+    m[i] = static_cast<Digit>(lo) * nPrime;
+    addProduct(lo, hi, m[i], n[0]);
+    carry = (lo >> 32) + hi;
+  }
+  for (std::size_t i = k; i + 1 < 2 * k; ++i) {
+    Wide lo = carry, hi = 0;
+    for (std::size_t j = i + 1 - k; j < k; ++j) {
+      addProduct(lo, hi, a[j], b[i - j]);
+      addProduct(lo, hi, m[j], n[i - j]);
+    }
+    t[i - k] = static_cast<Digit>(lo);
+    carry = (lo >> 32) + hi;
+  }
+  t[k - 1] = static_cast<Digit>(carry);
+  t[k] = static_cast<Digit>(carry >> 32);
+}
+
+template <std::size_t K>
+using Fixed = std::integral_constant<std::size_t, K>;
+
+// montMul sets r = a·b·R⁻¹ mod n for operands of at most k digits. The result equals
+// reduce(a·b): both add the unique M < R with a·b + M·n ≡ 0 (mod R), then subtract n once.
+void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit nPrime) {
+  const std::size_t k = n.size();
+  // The operands are padded to k digits; nothing beyond the digits in use is touched, since
+  // these calls are the curves' inner loop.
+  Digit t[kMaxInterleaved + 1], ad[kMaxInterleaved], bd[kMaxInterleaved];
+  std::fill(std::copy(a.digits().begin(), a.digits().end(), ad), ad + k, 0);
+  std::fill(std::copy(b.digits().begin(), b.digits().end(), bd), bd + k, 0);
+  const Digit* nd = n.digits().data();
+  switch (k) {
+    case 6: fips(t, ad, bd, nd, nPrime, Fixed<6>{}); break;     // P-192
+    case 7: fips(t, ad, bd, nd, nPrime, Fixed<7>{}); break;     // P-224
+    case 8: fips(t, ad, bd, nd, nPrime, Fixed<8>{}); break;     // P-256
+    case 12: fips(t, ad, bd, nd, nPrime, Fixed<12>{}); break;   // P-384
+    case 17: fips(t, ad, bd, nd, nPrime, Fixed<17>{}); break;   // P-521
+    default: fips(t, ad, bd, nd, nPrime, k); break;
+  }
+  r.digits().assign(t, t + k + 1);
+  r.clamp();
+  if (!(r < n)) r -= n;
+}
+
+}  // namespace
+
+void MontgomeryReducer::mul(BigNum& r, const BigNum& a, const BigNum& b) const {
+  const std::size_t k = mod().size();
+  if (k > kMaxInterleaved || a.size() > k || b.size() > k) return Reducer::mul(r, a, b);
+  montMul(r, a, b, mod(), nPrime_);
+}
+
+void MontgomeryReducer::sqr(BigNum& r, const BigNum& a) const {
+  const std::size_t k = mod().size();
+  if (k > kMaxInterleavedSquare || a.size() > k) return Reducer::sqr(r, a);
+  montMul(r, a, a, mod(), nPrime_);
+}
+
+RedNum MontgomeryReducer::fromBigNum(const BigNum& x) const {
+  if (x.isZero()) return RedNum(BigNum(0u), this);
+  if (x == BigNum(1u)) return RedNum(one_, this);
+  BigNum product, rem;
+  tessel::mul(product, x, one_);
+  div(product, mod(), nullptr, &rem);
+  return RedNum(std::move(rem), this);
+}
+
+RedNum MontgomeryReducer::fromBigNum(BigNum&& x) const {
+  return fromBigNum(static_cast<const BigNum&>(x));
+}
+
+BigNum MontgomeryReducer::toBigNum(RedNum&& x) const {
+  reduce(x.value);
+  return std::move(x.value);
+}
+
+// ---- 2^255 − 19 ----
+
+namespace {
+
+const BigNum& modulus25519() {
+  static const BigNum p = (BigNum(1u) << 255) - BigNum(19u);
+  return p;
+}
+
+}  // namespace
+
+Mod25519Reducer::Mod25519Reducer() : Reducer(modulus25519()) {}
+
+void Mod25519Reducer::reduce(BigNum& x) const { x.reduce(mod(), 38); }
+
+void Mod25519Reducer::mul(BigNum& r, const BigNum& a, const BigNum& b) const {
+  mul256(r, a, b);
+  reduce(r);
+}
+
+void Mod25519Reducer::mul(BigNum& r, unsigned k) const {
+  r *= k;
+  reduce(r);
+}
+
+void Mod25519Reducer::sqr(BigNum& r, const BigNum& a) const {
+  sqr256(r, a);
+  reduce(r);
+}
+
+// ---- exponentiation ----
+
+namespace {
+
+// windowWidth trades the table size against multiplications by the exponent's length.
+unsigned windowWidth(unsigned bits) {
+  if (bits > 671) return 6;
+  if (bits > 239) return 5;
+  if (bits > 79) return 4;
+  if (bits > 23) return 3;
+  return 1;
+}
+
+// squareTimes squares r in place `times` times, using `tmp` as the second buffer.
+void squareTimes(RedNum& r, RedNum& tmp, unsigned times) {
+  for (unsigned i = 0; i < times; ++i) {
+    sqr(tmp, r);
+    std::swap(r, tmp);
+  }
+}
+
+void multiplyBy(RedNum& r, RedNum& tmp, const RedNum& factor) {
+  mul(tmp, r, factor);
+  std::swap(r, tmp);
+}
+
+}  // namespace
+
+RedNum expByMod(const RedNum& base, const BigNum& e, const Reducer& red) {
+  const unsigned w = windowWidth(e.bits());
+  // Entry j holds base^j; only 1 and 2^(w−1) … 2^w − 1 are ever filled or used.
+  std::vector<RedNum> table(std::size_t{1} << w);
+  table[1] = base;
+  RedNum tmp;
+  if (w > 1) {
+    const unsigned half = 1u << (w - 1);
+    table[half] = base;
+    squareTimes(table[half], tmp, w - 1);
+    for (unsigned j = half + 1; j < (1u << w); ++j) mul(table[j], table[j - 1], table[1]);
+  }
+
+  RedNum result = red.fromBigNum(BigNum(1u));
+  unsigned window = 0, taken = 0;  // the open window's bits and how many there are
+  bool started = false;            // squaring the form of 1 before the first 1 bit is skipped
+  for (unsigned i = e.size(); i-- > 0;) {
+    for (int b = 31; b >= 0; --b) {
+      const unsigned bit = (e[i] >> b) & 1;
+      if (taken == 0 && bit == 0) {
+        if (started) squareTimes(result, tmp, 1);
+        continue;
+      }
+      started = true;
+      window = 2 * window + bit;
+      if (++taken == w) {
+        squareTimes(result, tmp, w);
+        multiplyBy(result, tmp, table[window]);
+        window = taken = 0;
+      }
+    }
+  }
+  // An exponent that ends inside a window finishes it bit by bit.
+  for (unsigned k = taken; k-- > 0;) {
+    squareTimes(result, tmp, 1);
+    if ((window >> k) & 1) multiplyBy(result, tmp, table[1]);
+  }
+  return result;
+}
+
+BigNum expByMod(const BigNum& a, const BigNum& e, const BigNum& m) {
+  const MontgomeryReducer red(m);
+  const RedNum base = red.fromBigNum(a);
+  return red.toBigNum(expByMod(base, e, red));
+}
+
+// ---- random numbers ----
+
+bool randomBigNum(BigNum* out, const BigNum& max, Rng& rng) {
+  const unsigned bits = max.bits();
+  const unsigned len = (bits + 7) / 8, topBits = bits % 8;
+  std::vector<unsigned char> buf(len);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    if (!rng.generate(buf.data(), len)) return false;
+    if (topBits) buf[0] &= static_cast<unsigned char>((1u << topBits) - 1);
+    *out = BigNum(asn1::blob(buf));
+    if (*out <= max && !out->isZero()) return true;
+  }
+  return false;
+}
+
+}  // namespace tessel
