@@ -1,5 +1,7 @@
 #include "tessel/algorithm_id.h"
 
+#include "tessel/factory.h"
+
 namespace tessel {
 
 namespace {
@@ -134,6 +136,26 @@ std::vector<unsigned char> encode(const AlgorithmIdentifier& id) {
   DerEncoder e;
   save(id, e);
   return std::move(e.data);
+}
+
+std::vector<unsigned char> calcDigest(unsigned hash, asn1::blob data) {
+  auto h = createHash(hash);
+  if (!h) return {};
+  std::vector<unsigned char> out(h->digestLength());
+  h->update(data.span());
+  h->digest(out.data());
+  return out;
+}
+
+unsigned getModLen(Curve curve) {
+  switch (curve) {
+    case Curve::p192: return 24;
+    case Curve::p224: return 28;
+    case Curve::p256: return 32;
+    case Curve::p384: return 48;
+    case Curve::p521: return 66;
+    default: return 0;
+  }
 }
 
 }  // namespace tessel

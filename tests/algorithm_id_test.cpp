@@ -136,5 +136,15 @@ TEST(AlgorithmId, RawIdentifierParseAndSave) {
   }
 }
 
+TEST(AlgorithmId, OneShotDigestAndCurveLengths) {
+  // FIPS 180-2 appendix B.1.
+  EXPECT_EQ(toHex(calcDigest(hashSha256, asn1::blob(std::string_view("abc")))),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_TRUE(calcDigest(hashNone, {}).empty());
+  EXPECT_TRUE(calcDigest(9, {}).empty());
+  const std::pair<unsigned, unsigned> rows[] = {{0, 0}, {1, 24}, {2, 28}, {3, 32}, {4, 48}, {5, 66}, {6, 0}};
+  for (auto [curve, len] : rows) EXPECT_EQ(getModLen(static_cast<Curve>(curve)), len) << curve;
+}
+
 }  // namespace
 }  // namespace tessel

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tessel/asn1.h"
+#include "tessel/ec.h"
 #include "tessel/hash.h"
 
 namespace tessel {
@@ -53,5 +54,12 @@ bool parse(AlgorithmIdentifier& id, asn1::blob content);
 void save(const AlgorithmIdentifier& id, DerEncoder& e);
 // encode is save into a fresh encoder.
 std::vector<unsigned char> encode(const AlgorithmIdentifier& id);
+
+// calcDigest hashes `data` in one go with the factory's digest `hash` (kernel or software);
+// empty when the factory has no such digest.
+std::vector<unsigned char> calcDigest(unsigned hash, asn1::blob data);
+// getModLen is the byte length of a field element of a named curve (24, 28, 32, 48, 66 for
+// P-192 to P-521); 0 for any other value.
+unsigned getModLen(Curve curve);
 
 }  // namespace tessel
