@@ -151,6 +151,17 @@ TEST(DerEncoder, MinimalIntegers) {
   for (auto [v, hex] : rows) EXPECT_EQ(test::toHex(asn1::toDerInt(v)), hex) << v;
 }
 
+TEST(DerEncoder, BigIntegers) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"", "020100"}, {"01", "020101"}, {"7f", "02017f"}, {"80", "02020080"},
+      {"0100", "02020100"}, {"ffffffffff", "020600ffffffffff"}, {"00000080", "02020080"}};
+  for (auto [value, der] : rows) {
+    DerEncoder e;
+    e.addInt(0x02, BigNum(asn1::blob(fromHex(value))));
+    EXPECT_EQ(test::toHex(e.data), der) << value;
+  }
+}
+
 TEST(Asn1Text, HexAndOids) {
   EXPECT_EQ(asn1::str({}), "");
   Bytes b = fromHex("01abff");

@@ -57,6 +57,11 @@ std::optional<Bytes> openWith(Cipher& c, const Bytes& in, const Bytes& aad = {})
 enum class BlockKind { null, des, des3, aes };
 std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key);
 
+// readFixture returns the bytes of a file below tests/data, failing the test when it is missing.
+Bytes readFixture(const std::string& relativePath);
+// pemBody decodes the Base64 body of the first PEM block of `text` (headers not allowed).
+Bytes pemBody(const Bytes& text);
+
 // makeSoftwareHash returns the software digest for a HashID (1..7), or null.
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
 
