@@ -212,3 +212,86 @@ TEST(Hkdf, LengthsAroundBlocks) {
 
 }  // namespace
 }  // namespace tessel
+
+namespace tessel {
+namespace {
+
+// PBKDF2 cases with this many iterations are left to native builds: under the sanitizers they
+// take minutes and add nothing the shorter cases do not check.
+#if defined(__SANITIZE_ADDRESS__) || defined(__has_feature)
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+constexpr unsigned kSlowIterations = 100000;
+#else
+constexpr unsigned kSlowIterations = 0xFFFFFFFF;
+#endif
+#else
+constexpr unsigned kSlowIterations = 0xFFFFFFFF;
+#endif
+
+TEST(Pbkdf2, KnownAnswers) {
+  LOAD_VECTORS(cases, "kat/pbkdf2.json");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c["id"].get<std::string>());
+    unsigned iterations = c["iterations"];
+    if (iterations >= kSlowIterations) continue;
+    auto h = test::makeSoftwareHash(c["prf"] == "HMAC-SHA-256" ? hashSha256 : hashSha1);
+    Bytes password = *test::field(c, "password"), salt = *test::field(c, "salt");
+    Bytes dk = pbkdf2(*h, std::string_view(reinterpret_cast<const char*>(password.data()), password.size()),
+                      salt.data(), static_cast<unsigned>(salt.size()), iterations, c["dk_length"]);
+    EXPECT_EQ(toHex(dk), c["dk"].get<std::string>());
+  }
+}
+
+class Pbkdf2Wycheproof : public testing::TestWithParam<const char*> {};
+
+TEST_P(Pbkdf2Wycheproof, ExpectedKeys) {
+  LOAD_VECTORS(file, std::string("wycheproof/pbkdf2_hmac") + GetParam() + "_test.json");
+  auto h = test::makeSoftwareHash(std::string(GetParam()) == "sha256" ? hashSha256 : hashSha1);
+  int checked = 0, skipped = 0;
+  for (const auto& group : file["testGroups"]) {
+    for (const auto& t : group["tests"]) {
+      SCOPED_TRACE("tcId " + std::to_string(t["tcId"].get<int>()));
+      unsigned iterations = t["iterationCount"];
+      if (iterations >= kSlowIterations) {
+        ++skipped;
+        continue;
+      }
+      Bytes password = *test::field(t, "password"), salt = *test::field(t, "salt");
+      Bytes dk = pbkdf2(*h, std::string_view(reinterpret_cast<const char*>(password.data()), password.size()),
+                        salt.data(), static_cast<unsigned>(salt.size()), iterations, t["dkLen"]);
+      EXPECT_EQ(toHex(dk) == t["dk"].get<std::string>(), t["result"] == "valid");
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked + skipped, file["numberOfTests"].get<int>());
+  if (skipped) std::printf("note: %d slow PBKDF2 cases left to the native build\n", skipped);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Pbkdf2Wycheproof, testing::Values("sha1", "sha256"));
+
+#if TESSEL_HAVE_OPENSSL
+// Both derivation paths against OpenSSL: the kept-pad-state one of the SHA and MD5 digests, and
+// the generic HMAC one (MD4 here), with passwords around the block length and multi-block output.
+TEST(Pbkdf2, MatchesOpenSslOnBothPaths) {
+  ASSERT_TRUE(test::legacyProviders());
+  test::TestRng rng(8018);
+  for (unsigned id : {hashMd4, hashMd5, hashSha1, hashSha256, hashSha384, hashSha512}) {
+    auto h = test::makeSoftwareHash(id);
+    for (int i = 0; i < 40; ++i) {
+      Bytes password = rng.bytes(rng.below(2) ? rng.below(20) : h->blockLength() - 1 + rng.below(3));
+      Bytes salt = rng.bytes(rng.below(40));
+      unsigned iterations = 1 + static_cast<unsigned>(rng.below(50)), length = 1 + static_cast<unsigned>(rng.below(150));
+      std::string_view pw(reinterpret_cast<const char*>(password.data()), password.size());
+      Bytes ours = pbkdf2(*h, pw, salt.data(), static_cast<unsigned>(salt.size()), iterations, length);
+      Bytes theirs(length);
+      ASSERT_EQ(PKCS5_PBKDF2_HMAC(pw.data(), static_cast<int>(pw.size()), salt.data(), static_cast<int>(salt.size()),
+                                  static_cast<int>(iterations), test::evpDigest(id), static_cast<int>(length),
+                                  theirs.data()), 1);
+      ASSERT_EQ(toHex(ours), toHex(theirs)) << "id " << id << " case " << i;
+    }
+  }
+}
+#endif
+
+}  // namespace
+}  // namespace tessel
