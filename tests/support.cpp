@@ -85,6 +85,13 @@ Bytes readFixture(const std::string& relativePath) {
   return Bytes(text.begin(), text.end());
 }
 
+nlohmann::json dataFile(const std::string& relativePath) {
+  const Bytes text = readFixture(relativePath);
+  return text.empty() ? nlohmann::json::object() : nlohmann::json::parse(text);
+}
+
+nlohmann::json parseCases(const char* table) { return dataFile("parse_cases.json").at(table); }
+
 Bytes pemBody(const Bytes& text) {
   std::string s(text.begin(), text.end()), b64;
   auto begin = s.find("-----\n");
