@@ -45,14 +45,16 @@ build() {  # build DIR CMAKE_ARGS...
   local dir=$1; shift
   echo "== configure and build $dir"
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-  cmake --build "$dir" -- -j"$jobs" | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
+  cmake --build "$dir" -- -j"$jobs" 2>&1 |
+    grep -v -E '^\[[0-9]+/[0-9]+\] |statically linked applications requires at runtime|^/usr/bin/ld: .*: in function' || true
   [[ -x $dir/tessel_tests ]] || { echo "test: build of $dir failed"; exit 1; }
 }
 
 for run in "${runs[@]}"; do
   case $run in
     native)
-      build build/native -DCMAKE_BUILD_TYPE=RelWithDebInfo
+      # With the kernel run's static programs: they are linked from the same objects.
+      build build/native -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON
       ctest_run build/native
       echo "== benchmark smoke run (figures are only meaningful from a quiet machine)"
       build/native/tessel_bench --benchmark_min_time=0.01 --benchmark_filter='sha256' >/dev/null ||
@@ -88,20 +90,19 @@ for run in "${runs[@]}"; do
     kernel)
       # The build machine's kernel may lack AF_ALG, so these programs run in a QEMU guest
       # (tests/kernel/run-guest.sh); they are linked statically because the guest has no libraries.
-      # The library's own Kernel* tests join in (from the same test binary, linked statically)
-      # as soon as a test file defines one.
+      # The library's own Kernel* tests join in (the test program linked statically, from the
+      # native build's objects) as soon as a test file defines one.
       kernel_suites=$(grep -l -E '^TEST(_F|_P)?\(Kernel' tests/*.cpp || true)
       targets=(tessel_kernel_probe)
-      [[ -n $kernel_suites ]] && targets+=(tessel_tests)
-      echo "== configure and build build/kernel (${targets[*]})"
-      cmake -S . -B build/kernel -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON \
-        -DTESSEL_TESTS="$([[ -n $kernel_suites ]] && echo ON || echo OFF)" -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
-      cmake --build build/kernel --target "${targets[@]}" -- -j"$jobs" 2>&1 |
+      [[ -n $kernel_suites ]] && targets+=(tessel_tests_static)
+      echo "== configure and build build/native (${targets[*]})"
+      cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON >/dev/null
+      cmake --build build/native --target "${targets[@]}" -- -j"$jobs" 2>&1 |
         grep -v -E '^\[[0-9]+/[0-9]+\] |statically linked applications requires at runtime|^/usr/bin/ld: .*: in function' || true
       for t in "${targets[@]}"; do
-        [[ -x build/kernel/$t ]] || { echo "test: build of build/kernel/$t failed"; exit 1; }
+        [[ -x build/native/$t ]] || { echo "test: build of build/native/$t failed"; exit 1; }
       done
-      guest_run build/kernel/tessel_kernel_probe
+      guest_run build/native/tessel_kernel_probe
       # The appliance is 32-bit: its programs reach AF_ALG through the kernel's compat calls.
       if dpkg-query -W -f='${Status}' g++-multilib 2>/dev/null | grep -q "install ok installed"; then
         echo "== configure and build build/kernel32 (tessel_kernel_probe)"
@@ -117,7 +118,7 @@ for run in "${runs[@]}"; do
         vectors=${TESSEL_VECTORS:-$PWD/../shared/vectors}
         files=()
         [[ -d $vectors ]] && files=(--file "$vectors=/vectors" --env TESSEL_VECTORS=/vectors)
-        guest_run "${files[@]}" build/kernel/tessel_tests --gtest_filter='Kernel*' --gtest_brief=1
+        guest_run "${files[@]}" build/native/tessel_tests_static --gtest_filter='Kernel*' --gtest_brief=1
       fi
       ;;
     *) echo "test: unknown run '$run'"; exit 2 ;;

@@ -172,7 +172,7 @@ TEST(KernelVectors, SameAnswersAsSoftware) {
   {
     LOAD_VECTORS(sha, "kat/sha.json");
     const int n = test::digestKnownAnswers(kernel, sha);
-    EXPECT_EQ(n, test::digestKnownAnswers(software, sha) - 15);  // all but the SHA-384 ones
+    EXPECT_EQ(n, test::digestKnownAnswers(software, sha) - 13);  // all but the 13 SHA-384 ones
     std::printf("kernel: %d digest vectors\n", n);
   }
   {
