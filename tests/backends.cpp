@@ -8,6 +8,7 @@
 #include "openssl_oracle.h"
 #endif
 #include "tessel/factory.h"
+#include "tessel/hmac.h"
 #include "tessel/kernel.h"
 
 namespace tessel::test {
@@ -111,10 +112,12 @@ Backend kernelBackend(std::set<std::string>* drivers) {
   return b;
 }
 
-unsigned hashIdForName(const std::string& name) {
-  static const std::pair<const char*, unsigned> names[] = {{"MD4", hashMd4},        {"MD5", hashMd5},
-                                                           {"SHA-1", hashSha1},     {"SHA-256", hashSha256},
-                                                           {"SHA-384", hashSha384}, {"SHA-512", hashSha512}};
+unsigned hashIdForName(std::string name) {
+  if (name.starts_with("HMAC-")) name = name.substr(5);
+  static const std::pair<const char*, unsigned> names[] = {
+      {"MD4", hashMd4},           {"MD5", hashMd5},           {"SHA-1", hashSha1},        {"SHA-256", hashSha256},
+      {"SHA-384", hashSha384},    {"SHA-512", hashSha512},    {"HMACSHA1", hashSha1},     {"HMACSHA256", hashSha256},
+      {"HMACSHA384", hashSha384}, {"HMACSHA512", hashSha512}};
   for (auto& [n, id] : names)
     if (name == n) return id;
   ADD_FAILURE() << "unknown algorithm in vectors: " << name;
@@ -143,6 +146,24 @@ int digestKnownAnswers(const Backend& b, const nlohmann::json& cases) {
       at += n;
     }
     EXPECT_EQ(toHex(h->digest()), expected);
+    ++count;
+  }
+  return count;
+}
+
+int hmacKnownAnswers(const Backend& b, const nlohmann::json& cases) {
+  int count = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c["id"].get<std::string>());
+    auto h = b.hash(hashIdForName(c["algorithm"]));
+    if (!h) continue;
+    Bytes key = *field(c, "key");
+    HMAC mac(h.get(), key.data(), static_cast<unsigned>(key.size()));
+    const Bytes out = mac.update(*field(c, "data")).digest();
+    if (c.contains("truncated_mac")) {
+      EXPECT_EQ(toHex(out.data(), c["truncated_mac_length_bytes"].get<std::size_t>()), c["truncated_mac"].get<std::string>());
+    }
+    EXPECT_EQ(toHex(out), c["mac"].get<std::string>());
     ++count;
   }
   return count;

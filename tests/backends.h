@@ -32,11 +32,14 @@ Backend softwareBackend();
 // records the driver names bound in `drivers`.
 Backend kernelBackend(std::set<std::string>* drivers);
 
-// hashIdForName maps the algorithm names of the digest vector files to HashIDs.
-unsigned hashIdForName(const std::string& name);
+// hashIdForName maps the algorithm names of the vector files ("SHA-256", "HMAC-SHA-256",
+// Wycheproof's "HMACSHA256") to HashIDs.
+unsigned hashIdForName(std::string name);
 
 // Each runner returns how many vectors or random cases it checked.
 int digestKnownAnswers(const Backend& b, const nlohmann::json& cases);
+// HMAC over the backend's digests (kat/hmac.json).
+int hmacKnownAnswers(const Backend& b, const nlohmann::json& cases);
 int modeKnownAnswers(const Backend& b, const nlohmann::json& cases);
 int gcmKnownAnswers(const Backend& b, const nlohmann::json& cases);
 int gcmWycheproof(const Backend& b, const nlohmann::json& file);

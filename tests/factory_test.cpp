@@ -251,6 +251,8 @@ TEST(Factory, SoftwareObjectsThroughTheSharedRunners) {
   const test::Backend b = test::softwareBackend();
   LOAD_VECTORS(sha, "kat/sha.json");
   EXPECT_EQ(test::digestKnownAnswers(b, sha), 52);
+  LOAD_VECTORS(hmac, "kat/hmac.json");
+  EXPECT_EQ(test::hmacKnownAnswers(b, hmac), 35);
   LOAD_VECTORS(modes, "kat/modes.json");
   EXPECT_EQ(test::modeKnownAnswers(b, modes), 14);  // CBC, CTR and the AES-128 CFB ones
   LOAD_VECTORS(gcm, "kat/gcm.json");

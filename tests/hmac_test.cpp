@@ -8,6 +8,7 @@
 #if TESSEL_HAVE_OPENSSL
 #include "openssl_oracle.h"
 #endif
+#include "backends.h"
 #include "support.h"
 #include "tessel/hmac.h"
 
@@ -16,17 +17,6 @@ namespace {
 
 using test::Bytes;
 using test::toHex;
-
-unsigned idForName(std::string name) {
-  if (name.starts_with("HMAC-")) name = name.substr(5);
-  static const std::map<std::string, unsigned> ids = {
-      {"MD5", hashMd5},       {"SHA-1", hashSha1},     {"SHA-256", hashSha256},
-      {"SHA-384", hashSha384}, {"SHA-512", hashSha512}, {"HMACSHA1", hashSha1},
-      {"HMACSHA256", hashSha256}, {"HMACSHA384", hashSha384}, {"HMACSHA512", hashSha512}};
-  auto it = ids.find(name);
-  if (it == ids.end()) ADD_FAILURE() << "unknown algorithm " << name;
-  return it == ids.end() ? hashNone : it->second;
-}
 
 Bytes hmacOf(unsigned id, const Bytes& key, const Bytes& msg) {
   auto h = test::makeSoftwareHash(id);
@@ -39,7 +29,7 @@ TEST(Hmac, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hmac.json");
   for (const auto& c : cases) {
     SCOPED_TRACE(c["id"].get<std::string>());
-    Bytes mac = hmacOf(idForName(c["algorithm"]), *test::field(c, "key"), *test::field(c, "data"));
+    Bytes mac = hmacOf(test::hashIdForName(c["algorithm"]), *test::field(c, "key"), *test::field(c, "data"));
     EXPECT_EQ(toHex(mac), c["mac"].get<std::string>());
     if (c.contains("truncated_mac")) {
       std::size_t n = c["truncated_mac_length_bytes"];
@@ -52,7 +42,7 @@ class HmacWycheproof : public testing::TestWithParam<const char*> {};
 
 TEST_P(HmacWycheproof, ExpectedVerdicts) {
   LOAD_VECTORS(file, std::string("wycheproof/hmac_") + GetParam() + "_test.json");
-  unsigned id = idForName(file["algorithm"]);
+  unsigned id = test::hashIdForName(file["algorithm"]);
   int checked = 0;
   for (const auto& group : file["testGroups"]) {
     std::size_t tagBytes = group["tagSize"].get<std::size_t>() / 8;
@@ -127,7 +117,7 @@ TEST(Hkdf, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hkdf.json");
   for (const auto& c : cases) {
     SCOPED_TRACE(c["id"].get<std::string>());
-    auto h = test::makeSoftwareHash(idForName(c["hash"]));
+    auto h = test::makeSoftwareHash(test::hashIdForName(c["hash"]));
     Bytes salt = test::field(c, "salt").value_or(Bytes{});  // absent salt: empty key, as the RFC's zeros
     Bytes okm = HKPDF(*h, salt, *test::field(c, "info"), *test::field(c, "ikm"), c["length"]);
     EXPECT_EQ(toHex(okm), c["okm"].get<std::string>());
@@ -156,7 +146,7 @@ class HkdfWycheproof : public testing::TestWithParam<const char*> {};
 TEST_P(HkdfWycheproof, ExpectedVerdictsOrSpecifiedWrap) {
   LOAD_VECTORS(file, std::string("wycheproof/hkdf_") + GetParam() + "_test.json");
   const std::string algo = file["algorithm"];  // "HKDF-SHA-256"
-  unsigned id = idForName(algo.substr(5));
+  unsigned id = test::hashIdForName(algo.substr(5));
   auto h = test::makeSoftwareHash(id);
   int wrapped = 0;
   for (const auto& group : file["testGroups"]) {

@@ -176,6 +176,12 @@ TEST(KernelVectors, SameAnswersAsSoftware) {
     std::printf("kernel: %d digest vectors\n", n);
   }
   {
+    LOAD_VECTORS(hmac, "kat/hmac.json");
+    const int n = test::hmacKnownAnswers(kernel, hmac);
+    EXPECT_EQ(n, 21);  // HMAC-SHA-1, -256 and -512
+    std::printf("kernel: %d HMAC vectors over kernel digests\n", n);
+  }
+  {
     LOAD_VECTORS(modes, "kat/modes.json");
     const int n = test::modeKnownAnswers(kernel, modes);
     EXPECT_EQ(n, 12);  // the CBC and CTR ones; CFB has no kernel driver here
