@@ -52,14 +52,10 @@ bool KernelAlg::kernelOpen(std::string_view type, std::string_view name) {
     printError("alg socket failed: ");
     return false;
   }
-  int sndbuf = 0;
-  socklen_t size = sizeof sndbuf;
-  if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, &size) != 0) {
-    printError("alg getsockopt failed: ");
+  if (!readSockmem(fd)) {
     ::close(fd);
     return false;
   }
-  sockmem = static_cast<unsigned>(sndbuf) / 2;
   // The copies cut texts that do not fit (a name of 64 bytes or more); bind then fails.
   sockaddr_alg sa{};
   sa.salg_family = AF_ALG;
@@ -129,9 +125,13 @@ bool KernelAlg::setSockmem(int bytes) {
     printError("alg setsockopt failed: ");
     return false;
   }
+  return readSockmem(op);
+}
+
+bool KernelAlg::readSockmem(int fd) {
   int sndbuf = 0;
   socklen_t size = sizeof sndbuf;
-  if (::getsockopt(op, SOL_SOCKET, SO_SNDBUF, &sndbuf, &size) != 0) {
+  if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, &size) != 0) {
     printError("alg getsockopt failed: ");
     return false;
   }

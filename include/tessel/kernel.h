@@ -31,7 +31,7 @@ class KernelAlg {
 
   // kernelOpen binds a new transform socket to driver `name` of AF_ALG type `type` ("hash",
   // "skcipher", "aead"). It returns false, after printing why, if the socket cannot be made or
-  // bound, and also (silently) when the object is already open.
+  // bound (it is then closed again), and also (silently) when the object is already open.
   bool kernelOpen(std::string_view type, std::string_view name);
 
   // kernelSetKey sets `key` on the transform. A non-empty `key2` makes the two-key blob of the
@@ -102,6 +102,8 @@ class KernelAlg {
 
  private:
   static void notPadded(unsigned len);
+  // readSockmem takes half the send buffer of socket `fd` as the message limit.
+  bool readSockmem(int fd);
   bool transfer(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned asize, unsigned char* out,
                 bool encrypt);
 
