@@ -8,7 +8,8 @@ cd "$(dirname "$0")/.."
 runs=("$@")
 ((${#runs[@]})) || runs=(native sanitize m32 kernel)
 
-scripts/setup.sh $([[ " ${runs[*]} " == *" m32 "* ]] && echo --m32)
+# The kernel run also needs the 32-bit build: the appliance's programs are 32-bit.
+scripts/setup.sh $([[ " ${runs[*]} " == *" m32 "* || " ${runs[*]} " == *" kernel "* ]] && echo --m32)
 jobs=$(nproc)
 passed=0 failed=0
 
@@ -41,18 +42,43 @@ guest_run() {  # guest_run [run-guest.sh options] BINARY [ARGS...]: counts its P
   passed=$((passed + pass)); failed=$((failed + bad))
 }
 
+# m32_args: the 32-bit build's configuration, shared by the m32 and kernel runs so that neither
+# makes the other rebuild. Its static programs for the kernel run come from the same objects.
+m32_args() {
+  local deps=$PWD/build-deps/i386
+  m32=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON -DTESSEL_BENCH=OFF -DTESSEL_KERNEL_TESTS=ON
+       -DTESSEL_GTEST_ROOT="$PWD/build-deps/gtest32")
+  if [[ -f $deps/usr/lib/i386-linux-gnu/libcrypto.so ]]; then
+    m32+=(-DOPENSSL_INCLUDE_DIR="$deps/usr/include" -DOPENSSL_CRYPTO_LIBRARY="$deps/usr/lib/i386-linux-gnu/libcrypto.so"
+          "-DTESSEL_TEST_ENV=OPENSSL_MODULES=$deps/usr/lib/i386-linux-gnu/ossl-modules")
+  fi
+}
+
+# build_targets DIR TARGET...: builds the named targets of an already configured DIR.
+build_targets() {
+  local dir=$1; shift
+  echo "== build $dir ($*)"
+  cmake --build "$dir" --target "$@" -- -j"$jobs" 2>&1 |
+    grep -v -E '^\[[0-9]+/[0-9]+\] |statically linked applications requires at runtime|^/usr/bin/ld: .*: in function' || true
+  for t in "$@"; do
+    [[ -x $dir/$t ]] || { echo "test: build of $dir/$t failed"; exit 1; }
+  done
+}
+
 build() {  # build DIR CMAKE_ARGS...
   local dir=$1; shift
   echo "== configure and build $dir"
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-  cmake --build "$dir" -- -j"$jobs" | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
+  cmake --build "$dir" -- -j"$jobs" 2>&1 |
+    grep -v -E '^\[[0-9]+/[0-9]+\] |statically linked applications requires at runtime|^/usr/bin/ld: .*: in function' || true
   [[ -x $dir/tessel_tests ]] || { echo "test: build of $dir failed"; exit 1; }
 }
 
 for run in "${runs[@]}"; do
   case $run in
     native)
-      build build/native -DCMAKE_BUILD_TYPE=RelWithDebInfo
+      # With the kernel run's static programs: they are linked from the same objects.
+      build build/native -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON
       ctest_run build/native
       echo "== benchmark smoke run (figures are only meaningful from a quiet machine)"
       build/native/tessel_bench --benchmark_min_time=0.01 --benchmark_filter='sha256' >/dev/null ||
@@ -75,49 +101,34 @@ for run in "${runs[@]}"; do
       done
       ;;
     m32)
-      deps=$PWD/build-deps/i386
-      ssl=()
-      if [[ -f $deps/usr/lib/i386-linux-gnu/libcrypto.so ]]; then
-        ssl=(-DOPENSSL_INCLUDE_DIR="$deps/usr/include" -DOPENSSL_CRYPTO_LIBRARY="$deps/usr/lib/i386-linux-gnu/libcrypto.so"
-             "-DTESSEL_TEST_ENV=OPENSSL_MODULES=$deps/usr/lib/i386-linux-gnu/ossl-modules")
-      fi
-      build build/m32 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON -DTESSEL_BENCH=OFF \
-        -DTESSEL_GTEST_ROOT="$PWD/build-deps/gtest32" "${ssl[@]}"
+      m32_args
+      build build/m32 "${m32[@]}"
       ctest_run build/m32
       ;;
     kernel)
       # The build machine's kernel may lack AF_ALG, so these programs run in a QEMU guest
       # (tests/kernel/run-guest.sh); they are linked statically because the guest has no libraries.
-      # The library's own Kernel* tests join in (from the same test binary, linked statically)
-      # as soon as a test file defines one.
+      # The library's own Kernel* tests join in (the test program linked statically, from the
+      # native and 32-bit builds' objects) as soon as a test file defines one.
       kernel_suites=$(grep -l -E '^TEST(_F|_P)?\(Kernel' tests/*.cpp || true)
       targets=(tessel_kernel_probe)
-      [[ -n $kernel_suites ]] && targets+=(tessel_tests)
-      echo "== configure and build build/kernel (${targets[*]})"
-      cmake -S . -B build/kernel -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON \
-        -DTESSEL_TESTS="$([[ -n $kernel_suites ]] && echo ON || echo OFF)" -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
-      cmake --build build/kernel --target "${targets[@]}" -- -j"$jobs" 2>&1 |
-        grep -v -E '^\[[0-9]+/[0-9]+\] |statically linked applications requires at runtime|^/usr/bin/ld: .*: in function' || true
-      for t in "${targets[@]}"; do
-        [[ -x build/kernel/$t ]] || { echo "test: build of build/kernel/$t failed"; exit 1; }
-      done
-      guest_run build/kernel/tessel_kernel_probe
+      [[ -n $kernel_suites ]] && targets+=(tessel_tests_static)
+      vectors=${TESSEL_VECTORS:-$PWD/../shared/vectors}
+      files=()
+      [[ -d $vectors ]] && files=(--file "$vectors=/vectors" --env TESSEL_VECTORS=/vectors)
+      cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_KERNEL_TESTS=ON >/dev/null
+      build_targets build/native "${targets[@]}"
+      guest_run build/native/tessel_kernel_probe
+      [[ -n $kernel_suites ]] && guest_run "${files[@]}" build/native/tessel_tests_static --gtest_filter='Kernel*' --gtest_brief=1
       # The appliance is 32-bit: its programs reach AF_ALG through the kernel's compat calls.
       if dpkg-query -W -f='${Status}' g++-multilib 2>/dev/null | grep -q "install ok installed"; then
-        echo "== configure and build build/kernel32 (tessel_kernel_probe)"
-        cmake -S . -B build/kernel32 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_M32=ON \
-          -DTESSEL_KERNEL_TESTS=ON -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
-        cmake --build build/kernel32 --target tessel_kernel_probe -- -j"$jobs" | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
-        [[ -x build/kernel32/tessel_kernel_probe ]] || { echo "test: build of build/kernel32 failed"; exit 1; }
-        guest_run build/kernel32/tessel_kernel_probe
+        m32_args
+        cmake -S . -B build/m32 -G Ninja "${m32[@]}" >/dev/null
+        build_targets build/m32 "${targets[@]}"
+        guest_run build/m32/tessel_kernel_probe
+        [[ -n $kernel_suites ]] && guest_run "${files[@]}" build/m32/tessel_tests_static --gtest_filter='Kernel*' --gtest_brief=1
       else
-        echo "== no 32-bit toolchain (scripts/setup.sh --m32 installs it): 32-bit probe left out"
-      fi
-      if [[ -n $kernel_suites ]]; then
-        vectors=${TESSEL_VECTORS:-$PWD/../shared/vectors}
-        files=()
-        [[ -d $vectors ]] && files=(--file "$vectors=/vectors" --env TESSEL_VECTORS=/vectors)
-        guest_run "${files[@]}" build/kernel/tessel_tests --gtest_filter='Kernel*' --gtest_brief=1
+        echo "== no 32-bit toolchain (scripts/setup.sh --m32 installs it): 32-bit kernel run left out"
       fi
       ;;
     *) echo "test: unknown run '$run'"; exit 2 ;;

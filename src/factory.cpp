@@ -1,12 +1,7 @@
 // The algorithm factory. Each create function first asks for a kernel driver and, when there
-// is none, builds the software object.
-//
-// Kernel offload (AF_ALG) is not built into the library yet. The driver choice below therefore
-// answers "none" for every request, also when the host has set ol::kernelCrypto, and every
-// object is software. The kernel offload work adds, in this file: the "/proc/crypto" text read
-// once at load, the once-tested AF_ALG availability (kernelAvailable), and the kernel branches
-// marked "kernel offload" in createHash, createCipher and createAead, which build KernelHash,
-// KernelCipher and KernelAead objects for the driver names chosen here.
+// is none, builds the software object. Once a driver name is chosen the kernel object is
+// returned even if it could not be set up: it then fails loudly rather than quietly computing
+// in software.
 #include "tessel/factory.h"
 
 #include "tessel/assert.h"
@@ -14,6 +9,12 @@
 #include "tessel/cbc.h"
 #include "tessel/gcm.h"
 #include "tessel/hmac.h"
+#include "tessel/kernel.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "ol/file.h"
 
 namespace ol {
 bool kernelCrypto = false;
@@ -24,11 +25,61 @@ namespace tessel {
 
 namespace detail {
 
-std::string prioCrypto(const std::vector<std::string>& vars, std::string_view cryptoInfo) {
+namespace {
+
+std::string readCryptoInfo() {
+  std::string text;
+  ol::readFile(text, ol::rootPath("/proc/crypto"), -1, 0);
+  return text;
+}
+
+// The driver list of the running kernel, read once when the library is loaded.
+std::string cryptoInfoText = readCryptoInfo();
+
+}  // namespace
+
+const std::string& cryptoInfo() { return cryptoInfoText; }
+
+void reloadCryptoInfoForTesting() { cryptoInfoText = readCryptoInfo(); }
+
+bool afAlgAvailable() {
+  static const bool available = [] {
+    const int fd = ::socket(AF_ALG, SOCK_SEQPACKET, 0);
+    if (fd >= 0) ::close(fd);
+    return fd >= 0;
+  }();
+  return available;
+}
+
+std::string prioCrypto(const std::vector<std::string>& vars) {
   TESSEL_ASSERT(vars.size());
   for (const std::string& name : vars)
-    if (!name.empty() && cryptoInfo.find(name) != std::string_view::npos) return name;
+    if (!name.empty() && cryptoInfo().find(name) != std::string::npos) return name;
   return vars.back();
+}
+
+std::string hashDriverName(unsigned id) {
+  switch (id) {
+    case hashSha1: return prioCrypto({"sha1-avx", "sha1-generic"});
+    case hashSha256: return prioCrypto({"sha256-avx", "sha256-generic"});
+    case hashSha512: return prioCrypto({"sha512-avx", "sha512-generic"});
+    default: return {};  // MD4, MD5, SHA-384 and the MD5+SHA-1 pair are always software
+  }
+}
+
+std::string cipherDriverName(unsigned id, std::size_t keyLen) {
+  const bool aesKey = keyLen == 16 || keyLen == 24 || keyLen == 32;
+  if (id == 4 && aesKey) return prioCrypto({"cbc-aes-aesni", "cbc(aes-generic)"});
+  if (id == 5 && aesKey) return prioCrypto({"ctr-aes-aesni", "ctr(aes-generic)"});
+  if (id == 7 && (keyLen == 16 || keyLen == 32)) {
+    // Each GCM entry may name a second driver to bind instead of the one searched for.
+    static const std::pair<const char*, const char*> gcm[] = {
+        {"generic-gcm-aesni", ""}, {"gcm_base(ctr(aes-generic),ghash-generic)", ""}};
+    for (auto [name, bind] : gcm)
+      if (cryptoInfo().find(name) != std::string::npos) return *bind ? bind : name;
+    return "gcm_base(ctr(aes-generic),ghash-generic)";
+  }
+  return {};
 }
 
 std::unique_ptr<Hash> createSoftwareHash(unsigned id) {
@@ -48,40 +99,27 @@ std::unique_ptr<Hash> createSoftwareHash(unsigned id) {
 
 namespace {
 
-// kernelAvailable says whether AF_ALG objects can be made. Always false until the kernel
-// offload lands; it will then probe socket(AF_ALG) once and also require the driver text.
-bool kernelAvailable() { return false; }
-
-// cryptoInfo is the "/proc/crypto" text; empty until the kernel offload reads it at load.
-std::string_view cryptoInfo() { return {}; }
-
-bool isAesKey(std::size_t keyLen) { return keyLen == 16 || keyLen == 24 || keyLen == 32; }
-
-// hashDriver returns the kernel driver for a HashID, or "" for software.
+// hashDriver and cipherDriver return the kernel driver to use, or "" for software: offload must
+// be switched on and AF_ALG present.
 std::string hashDriver(unsigned id) {
-  if (!ol::kernelCrypto || !kernelAvailable()) return {};
-  switch (id) {
-    case hashSha1: return detail::prioCrypto({"sha1-avx", "sha1-generic"}, cryptoInfo());
-    case hashSha256: return detail::prioCrypto({"sha256-avx", "sha256-generic"}, cryptoInfo());
-    case hashSha512: return detail::prioCrypto({"sha512-avx", "sha512-generic"}, cryptoInfo());
-    default: return {};  // MD4, MD5, SHA-384 and the MD5+SHA-1 pair are always software
-  }
+  if (!ol::kernelCrypto || !detail::afAlgAvailable()) return {};
+  return detail::hashDriverName(id);
 }
 
-// cipherDriver returns the kernel driver for a cipher id and key length, or "" for software.
 std::string cipherDriver(unsigned id, std::size_t keyLen) {
-  if (!ol::kernelCrypto || !kernelAvailable()) return {};
-  if (id == 4 && isAesKey(keyLen)) return detail::prioCrypto({"cbc-aes-aesni", "cbc(aes-generic)"}, cryptoInfo());
-  if (id == 5 && isAesKey(keyLen)) return detail::prioCrypto({"ctr-aes-aesni", "ctr(aes-generic)"}, cryptoInfo());
-  if (id == 7 && (keyLen == 16 || keyLen == 32)) {
-    // Each GCM entry may name a second driver to bind instead of the one searched for.
-    static const std::pair<const char*, const char*> gcm[] = {
-        {"generic-gcm-aesni", ""}, {"gcm_base(ctr(aes-generic),ghash-generic)", ""}};
-    for (auto [name, bind] : gcm)
-      if (cryptoInfo().find(name) != std::string_view::npos) return *bind ? bind : name;
-    return "gcm_base(ctr(aes-generic),ghash-generic)";
-  }
-  return {};
+  if (!ol::kernelCrypto || !detail::afAlgAvailable()) return {};
+  return detail::cipherDriverName(id, keyLen);
+}
+
+// openAead sets up a kernel AEAD: each step only after the previous one succeeded, the sockets
+// closed if one failed, and the message limit raised in any case.
+std::unique_ptr<Cipher> openAead(const std::string& name, unsigned block, std::span<const unsigned char> key,
+                                 std::span<const unsigned char> key2, unsigned tagLength) {
+  auto aead = std::make_unique<KernelAead>(block);
+  if (!aead->kernelOpen("aead", name) || !aead->kernelSetKey(key, key2) || !aead->kernelSetTag(tagLength))
+    aead->closeSockets();
+  aead->setSockmem(262244);
+  return aead;
 }
 
 // OwningHMAC is an HMAC that owns the digest it runs on. The holder base is built first and
@@ -120,7 +158,9 @@ std::unique_ptr<Cipher> softwareCipher(unsigned id, std::span<const unsigned cha
 
 std::unique_ptr<Hash> createHash(unsigned id) {
   if (std::string driver = hashDriver(id); !driver.empty()) {
-    // kernel offload: a KernelHash opened on `driver` goes here.
+    auto h = std::make_unique<KernelHash>(id);
+    h->kernelOpen("hash", driver);  // a failed open gives all-zero digests, never software ones
+    return h;
   }
   return detail::createSoftwareHash(id);
 }
@@ -131,18 +171,23 @@ std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key
   return std::make_unique<OwningHMAC>(std::move(h), key);
 }
 
-std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned /*tagLength*/) {
+std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned tagLength) {
   if (std::string driver = cipherDriver(id, key.size()); !driver.empty()) {
-    // kernel offload: a KernelCipher (KernelAead with the tag length for id 7) opened on
-    // `driver` goes here; once a driver is chosen there is no fall-back to software.
+    if (id == 7) return openAead(driver, 1, key, {}, tagLength);
+    auto c = std::make_unique<KernelCipher>(16);
+    if (c->kernelOpen("skcipher", driver)) c->kernelSetKey(key, {});
+    return c;
   }
   return softwareCipher(id, key);
 }
 
 std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId, std::span<const unsigned char> cipherKey,
                                    std::span<const unsigned char> macKey) {
-  if (ol::kernelCrypto && !hashDriver(hashId).empty() && !cipherDriver(cipherId, cipherKey.size()).empty()) {
-    // kernel offload: a KernelAead on "authenc(hmac(<hash driver>),<cipher driver>)" goes here.
+  if (ol::kernelCrypto) {
+    const std::string hash = hashDriver(hashId), cipher = cipherDriver(cipherId, cipherKey.size());
+    if (!hash.empty() && !cipher.empty())
+      return openAead("authenc(hmac(" + hash + ")," + cipher + ")", cipherId == 7 ? 1 : 16, cipherKey, macKey,
+                      KernelHash::digestLengthOf(hashId));
   }
   if (cipherId != 3 && cipherId != 4) return nullptr;
   auto mac = createHMAC(hashId, macKey);

@@ -8,6 +8,7 @@
 #if TESSEL_HAVE_OPENSSL
 #include "openssl_oracle.h"
 #endif
+#include "backends.h"
 #include "support.h"
 #include "tessel/hmac.h"
 
@@ -17,41 +18,18 @@ namespace {
 using test::Bytes;
 using test::toHex;
 
-unsigned idForName(std::string name) {
-  if (name.starts_with("HMAC-")) name = name.substr(5);
-  static const std::map<std::string, unsigned> ids = {
-      {"MD5", hashMd5},       {"SHA-1", hashSha1},     {"SHA-256", hashSha256},
-      {"SHA-384", hashSha384}, {"SHA-512", hashSha512}, {"HMACSHA1", hashSha1},
-      {"HMACSHA256", hashSha256}, {"HMACSHA384", hashSha384}, {"HMACSHA512", hashSha512}};
-  auto it = ids.find(name);
-  if (it == ids.end()) ADD_FAILURE() << "unknown algorithm " << name;
-  return it == ids.end() ? hashNone : it->second;
-}
-
 Bytes hmacOf(unsigned id, const Bytes& key, const Bytes& msg) {
   auto h = test::makeSoftwareHash(id);
   HMAC mac(h.get(), key.data(), static_cast<unsigned>(key.size()));
   return mac.update(msg).digest();
 }
 
-#if TESSEL_HAVE_OPENSSL
-Bytes opensslHmac(unsigned id, const Bytes& key, const Bytes& msg) {
-  Bytes out(EVP_MAX_MD_SIZE);
-  unsigned len = 0;
-  // OpenSSL rejects a null key pointer even for an empty key.
-  static const unsigned char empty = 0;
-  ::HMAC(test::evpDigest(id), key.empty() ? &empty : key.data(), static_cast<int>(key.size()),
-       msg.data(), msg.size(), out.data(), &len);
-  out.resize(len);
-  return out;
-}
-#endif
 
 TEST(Hmac, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hmac.json");
   for (const auto& c : cases) {
     SCOPED_TRACE(c["id"].get<std::string>());
-    Bytes mac = hmacOf(idForName(c["algorithm"]), *test::field(c, "key"), *test::field(c, "data"));
+    Bytes mac = hmacOf(test::hashIdForName(c["algorithm"]), *test::field(c, "key"), *test::field(c, "data"));
     EXPECT_EQ(toHex(mac), c["mac"].get<std::string>());
     if (c.contains("truncated_mac")) {
       std::size_t n = c["truncated_mac_length_bytes"];
@@ -64,7 +42,7 @@ class HmacWycheproof : public testing::TestWithParam<const char*> {};
 
 TEST_P(HmacWycheproof, ExpectedVerdicts) {
   LOAD_VECTORS(file, std::string("wycheproof/hmac_") + GetParam() + "_test.json");
-  unsigned id = idForName(file["algorithm"]);
+  unsigned id = test::hashIdForName(file["algorithm"]);
   const int checked = test::forEachWycheproofTest(file, [&](const nlohmann::json& group, const nlohmann::json& t) {
     const Bytes mac = hmacOf(id, *test::field(t, "key"), *test::field(t, "msg"));
     const bool match = toHex(mac.data(), group["tagSize"].get<std::size_t>() / 8) == t["tag"].get<std::string>();
@@ -90,7 +68,7 @@ TEST(Hmac, MatchesOpenSslForKeysMessagesSplitsAndReuse) {
       const Bytes key = rng.bytes(i < 6 ? edgeKeys[i] : rng.below(300));
       HMAC mac(h.get(), key.data(), static_cast<unsigned>(key.size()));
       if (i == 0) {
-        EXPECT_EQ(mac.digest(), opensslHmac(id, key, {}));  // no update at all
+        EXPECT_EQ(mac.digest(), test::opensslHmac(id, key, {}));  // no update at all
       }
       for (int use = 0; use < 2; ++use) {
         const Bytes msg = rng.bytes(use && i % 7 == 0 ? 0 : rng.below(3000));
@@ -99,7 +77,7 @@ TEST(Hmac, MatchesOpenSslForKeysMessagesSplitsAndReuse) {
           mac.update(msg.data() + at, static_cast<unsigned>(n));
           at += n;
         }
-        ASSERT_EQ(toHex(mac.digest()), toHex(opensslHmac(id, key, msg)))
+        ASSERT_EQ(toHex(mac.digest()), toHex(test::opensslHmac(id, key, msg)))
             << "id " << id << " iteration " << i << " use " << use << " key " << key.size() << " msg " << msg.size();
       }
     }
@@ -111,7 +89,7 @@ TEST(Hkdf, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hkdf.json");
   for (const auto& c : cases) {
     SCOPED_TRACE(c["id"].get<std::string>());
-    auto h = test::makeSoftwareHash(idForName(c["hash"]));
+    auto h = test::makeSoftwareHash(test::hashIdForName(c["hash"]));
     Bytes salt = test::field(c, "salt").value_or(Bytes{});  // absent salt: empty key, as the RFC's zeros
     Bytes okm = HKPDF(*h, salt, *test::field(c, "info"), *test::field(c, "ikm"), c["length"]);
     EXPECT_EQ(toHex(okm), c["okm"].get<std::string>());
@@ -140,7 +118,7 @@ class HkdfWycheproof : public testing::TestWithParam<const char*> {};
 TEST_P(HkdfWycheproof, ExpectedVerdictsOrSpecifiedWrap) {
   LOAD_VECTORS(file, std::string("wycheproof/hkdf_") + GetParam() + "_test.json");
   const std::string algo = file["algorithm"];  // "HKDF-SHA-256"
-  unsigned id = idForName(algo.substr(5));
+  unsigned id = test::hashIdForName(algo.substr(5));
   auto h = test::makeSoftwareHash(id);
   int wrapped = 0;
   for (const auto& group : file["testGroups"]) {

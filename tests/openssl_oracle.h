@@ -2,6 +2,7 @@
 #pragma once
 
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/provider.h>
 
 #include "support.h"
@@ -42,6 +43,17 @@ inline Bytes opensslDigest(unsigned id, const Bytes& msg) {
     ADD_FAILURE() << "EVP_Digest failed for id " << id;
     return {};
   }
+  out.resize(len);
+  return out;
+}
+
+inline Bytes opensslHmac(unsigned id, const Bytes& key, const Bytes& msg) {
+  Bytes out(EVP_MAX_MD_SIZE);
+  unsigned len = 0;
+  // OpenSSL rejects a null key pointer even for an empty key.
+  static const unsigned char empty = 0;
+  ::HMAC(evpDigest(id), key.empty() ? &empty : key.data(), static_cast<int>(key.size()), msg.data(), msg.size(),
+         out.data(), &len);
   out.resize(len);
   return out;
 }

@@ -2,8 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
+#include "ol/file.h"
 #include "tessel/block.h"
 #include "ol/base64.h"
 #include "ol/file.h"
@@ -119,6 +121,23 @@ std::vector<CodePath> aesCodePaths() {
   if (cpuHasAesInstructions()) paths.push_back({"aes-instructions", false});
   else std::printf("note: no AES instructions on this processor; only the portable AES is tested\n");
   return paths;
+}
+
+FakeProcCrypto::FakeProcCrypto(const std::string& text) {
+  char tmpl[] = "/tmp/tessel-root.XXXXXX";
+  if (!::mkdtemp(tmpl)) ADD_FAILURE() << "mkdtemp failed";
+  dir_ = tmpl;
+  std::filesystem::create_directories(dir_ + "/proc");
+  std::ofstream(dir_ + "/proc/crypto") << text;
+  ol::setRoot(dir_);
+  detail::reloadCryptoInfoForTesting();
+}
+
+FakeProcCrypto::~FakeProcCrypto() {
+  ol::setRoot("/");
+  detail::reloadCryptoInfoForTesting();
+  std::error_code ignored;
+  std::filesystem::remove_all(dir_, ignored);
 }
 
 UseCodePath::UseCodePath(const CodePath& path) { forcePortable(path.portable); }

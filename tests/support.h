@@ -116,6 +116,20 @@ void forEachDigestPath(Body body) {
   }
 }
 
+// FakeProcCrypto points the platform root (ol/file.h) at a temporary folder whose
+// proc/crypto holds `text`, and makes the factory read it again; the destructor restores the
+// real root and the real driver list.
+class FakeProcCrypto {
+ public:
+  explicit FakeProcCrypto(const std::string& text);
+  ~FakeProcCrypto();
+  FakeProcCrypto(const FakeProcCrypto&) = delete;
+  FakeProcCrypto& operator=(const FakeProcCrypto&) = delete;
+
+ private:
+  std::string dir_;
+};
+
 // Deterministic randomness for property tests, so a failure can be replayed from its seed.
 class TestRng {
  public:

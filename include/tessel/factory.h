@@ -48,10 +48,27 @@ namespace detail {
 // kernel driver applies); null for unknown ids.
 std::unique_ptr<Hash> createSoftwareHash(unsigned id);
 
+// cryptoInfo is the text of "/proc/crypto" (under the platform root, ol/file.h) as read once
+// when the library was loaded; empty if it could not be read.
+const std::string& cryptoInfo();
+
+// reloadCryptoInfoForTesting reads "/proc/crypto" again. A test hook only: the library itself
+// never re-reads the file.
+void reloadCryptoInfoForTesting();
+
+// afAlgAvailable says whether an AF_ALG socket can be opened; tested once, on first call.
+bool afAlgAvailable();
+
 // prioCrypto picks from a kernel-driver preference list the first non-empty name that occurs
-// in `cryptoInfo` (the text of "/proc/crypto", searched as plain text), else the last entry.
-// An empty list aborts.
-std::string prioCrypto(const std::vector<std::string>& vars, std::string_view cryptoInfo);
+// in cryptoInfo() (searched as plain text), else the last entry. An empty list aborts.
+std::string prioCrypto(const std::vector<std::string>& vars);
+
+// hashDriverName and cipherDriverName are the kernel drivers the factory binds when offload
+// applies (ol::kernelCrypto set and AF_ALG present): from the preference lists for SHA-1,
+// SHA-256 and SHA-512 and for AES-CBC, AES-CTR and AES-GCM by key length; "" for everything
+// that is always computed in software.
+std::string hashDriverName(unsigned id);
+std::string cipherDriverName(unsigned id, std::size_t keyLen);
 }  // namespace detail
 
 }  // namespace tessel

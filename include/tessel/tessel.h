@@ -19,6 +19,7 @@
 #include "tessel/gcm.h"
 #include "tessel/hash.h"
 #include "tessel/hmac.h"
+#include "tessel/kernel.h"
 #include "tessel/keys.h"
 #include "tessel/mschapv2.h"
 #include "tessel/names.h"
