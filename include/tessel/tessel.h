@@ -15,6 +15,7 @@
 #include "tessel/cmac.h"
 #include "tessel/cpu.h"
 #include "tessel/ec.h"
+#include "tessel/eddsa.h"
 #include "tessel/factory.h"
 #include "tessel/gcm.h"
 #include "tessel/hash.h"
@@ -27,3 +28,4 @@
 #include "tessel/rng.h"
 #include "tessel/rsa.h"
 #include "tessel/timepoint.h"
+#include "tessel/x25519.h"
