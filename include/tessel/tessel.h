@@ -14,6 +14,7 @@
 #include "tessel/cipher.h"
 #include "tessel/cmac.h"
 #include "tessel/cpu.h"
+#include "tessel/curve25519_keys.h"
 #include "tessel/ec.h"
 #include "tessel/eddsa.h"
 #include "tessel/factory.h"
