@@ -4,6 +4,7 @@
 
 #include "tessel/block.h"
 #include "tessel/curve25519_keys.h"
+#include "tessel/ec_key.h"
 #include "tessel/cipher.h"
 #include "tessel/hmac.h"
 #include "tessel/rng.h"
@@ -192,7 +193,7 @@ std::shared_ptr<PublicKey> makePublicKey(KeyType type) {
     case keyRsa: return std::make_shared<RsaPublicKey>();
     case keyEd25519: return std::make_shared<Ed25519PublicKey>();
     case keyX25519: return std::make_shared<X25519PublicKey>();
-    // The EC classes register here as they arrive.
+    case keyEc: return std::make_shared<EcPublicKey>();
     default: return nullptr;
   }
 }
@@ -200,6 +201,7 @@ std::shared_ptr<PublicKey> makePublicKey(KeyType type) {
 std::shared_ptr<PrivateKey> makePrivateKey(KeyType type) {
   switch (type) {
     case keyRsa: return std::make_shared<RsaPrivateKey>();
+    case keyEc: return std::make_shared<EcPrivateKey>();
     case keyEd25519: return std::make_shared<Ed25519PrivateKey>();
     case keyX25519: return std::make_shared<X25519PrivateKey>();
     default: return nullptr;

@@ -16,6 +16,7 @@
 #include "tessel/cpu.h"
 #include "tessel/curve25519_keys.h"
 #include "tessel/ec.h"
+#include "tessel/ec_key.h"
 #include "tessel/eddsa.h"
 #include "tessel/factory.h"
 #include "tessel/gcm.h"
