@@ -25,6 +25,7 @@
 #include "tessel/hash.h"
 #include "tessel/hmac.h"
 #include "tessel/keys.h"
+#include "tessel/mlkem.h"
 #include "tessel/mschapv2.h"
 #include "tessel/names.h"
 #include "tessel/pkcs8.h"
