@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds tests/ct/ct_check.cpp against a built library and runs it under valgrind's memcheck,
 # which fails on any branch or index that depends on a secret byte of the X25519 ladder or of
-# Ed25519 key derivation and signing.
+# Ed25519 key derivation and signing, or of ML-KEM-768 decapsulation.
 #   tests/ct/run.sh [BUILD_DIR]     (default build/native)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
