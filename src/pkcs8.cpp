@@ -3,6 +3,8 @@
 #include <iostream>
 
 #include "tessel/block.h"
+#include "tessel/curve25519_keys.h"
+#include "tessel/ec_key.h"
 #include "tessel/cipher.h"
 #include "tessel/hmac.h"
 #include "tessel/rng.h"
@@ -189,7 +191,9 @@ Bytes pkcs12Kdf(unsigned char id, const Bytes& password, asn1::blob salt, unsign
 std::shared_ptr<PublicKey> makePublicKey(KeyType type) {
   switch (type) {
     case keyRsa: return std::make_shared<RsaPublicKey>();
-    // The EC, Ed25519 and X25519 classes register here as they arrive.
+    case keyEd25519: return std::make_shared<Ed25519PublicKey>();
+    case keyX25519: return std::make_shared<X25519PublicKey>();
+    case keyEc: return std::make_shared<EcPublicKey>();
     default: return nullptr;
   }
 }
@@ -197,6 +201,9 @@ std::shared_ptr<PublicKey> makePublicKey(KeyType type) {
 std::shared_ptr<PrivateKey> makePrivateKey(KeyType type) {
   switch (type) {
     case keyRsa: return std::make_shared<RsaPrivateKey>();
+    case keyEc: return std::make_shared<EcPrivateKey>();
+    case keyEd25519: return std::make_shared<Ed25519PrivateKey>();
+    case keyX25519: return std::make_shared<X25519PrivateKey>();
     default: return nullptr;
   }
 }

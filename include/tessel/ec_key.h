@@ -1,0 +1,76 @@
+// EC keys over the NIST prime curves P-192 to P-521 (KeyType 2): SEC 1 points in
+// SubjectPublicKeyInfo, RFC 5915 ECPrivateKey bodies, ECDSA with RFC 6979 deterministic nonces
+// and ECDH.
+//
+// The AlgorithmIdentifier parameters are the namedCurve OID; any other parameters (another
+// OID, explicit curve parameters, implicitCA) are refused with one line "[ERR] unknown ec id "
+// and the parameters' text on standard output. ECDSA signatures are the DER SEQUENCE
+// { INTEGER r, INTEGER s }, read with the library's DER reader, which accepts the non-minimal
+// length forms; (r, s) must still be in [1, n-1]. The curve arithmetic is that of ec.h, which is
+// not constant time in the scalar: keep EC private keys to hosts where timing is not observable.
+#pragma once
+
+#include "tessel/ec.h"
+#include "tessel/keys.h"
+
+namespace tessel {
+
+// getCurveOid returns the namedCurve OID content bytes of a curve, empty for an unknown one.
+asn1::blob getCurveOid(Curve c);
+// getCurveName returns "P-192" ... "P-521", or "unknown".
+const char* getCurveName(Curve c);
+
+class EcPublicKey : public virtual PublicKey {
+ public:
+  Curve curve = Curve::p256;
+  ECPoint Q;  // the public point
+
+  // parseFromDerEncoded reads a SEC 1 point (uncompressed 04 or compressed 02/03) whose
+  // coordinates are below p and which lies on the curve named by `params` (the DER of the OID).
+  bool parseFromDerEncoded(asn1::blob key, asn1::blob params) override;
+  // encodeToDerEncoded writes the uncompressed point.
+  std::vector<unsigned char> encodeToDerEncoded() const override;
+  // encodeParams writes the namedCurve OID element.
+  std::vector<unsigned char> encodeParams() const override;
+  bool equals(const PublicKey& other) const override;
+  KeyType getKeyType() const override { return keyEc; }
+  // dump writes "[EC-PUBLIC]", "\ncurve: " and the curve name, "\npoint: " and the hex of the
+  // uncompressed point, then end of line.
+  void dump(std::ostream& out) const override;
+
+  // verifyHashed checks the DER ECDSA signature `signature` of the digest `hash` (truncated to
+  // the order's bit length as ECDSA does). Public data only.
+  bool verifyHashed(asn1::blob hash, asn1::blob signature) const;
+
+ protected:
+  // parseCurveParams sets `curve` from the OID element in `params`, printing the unknown-id line
+  // when it names no supported curve.
+  bool parseCurveParams(asn1::blob params);
+};
+
+class EcPrivateKey : public EcPublicKey, public PrivateKey {
+ public:
+  BigNum d;  // the private scalar, in [1, n-1]
+
+  ~EcPrivateKey() override;
+  // parseFromDerEncoded reads an RFC 5915 ECPrivateKey: version 1, the scalar, an optional
+  // [0] namedCurve and an optional [1] public key. The curve comes from `params` when present
+  // (as inside PKCS#8), otherwise from [0]; if both are there they must agree. The public point
+  // is computed from d and must match [1] when it is given.
+  bool parseFromDerEncoded(asn1::blob key, asn1::blob params) override;
+  // encodeToDerEncoded writes version 1, d in the curve's byte length and [1] the public point;
+  // the curve stays in the enclosing AlgorithmIdentifier, as PKCS#8 has it.
+  std::vector<unsigned char> encodeToDerEncoded() const override;
+  // dump writes the public dump with "[EC-PRIVATE]" and a "\nprivateKey: " line (d in hex).
+  void dump(std::ostream& out) const override;
+  // signHashed returns the DER ECDSA signature of the digest `hash`, computed with the RFC 6979
+  // nonce over HMAC with the digest `hashId` (SHA-1 to SHA-512). Empty for another hashId.
+  std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const override;
+  // deriveSharedSecret returns the ECDH secret, the x-coordinate of d·Q as the curve's byte
+  // length; empty when `peer` is on another curve.
+  std::vector<unsigned char> deriveSharedSecret(const EcPublicKey& peer) const;
+  // setPrivateKey installs d on `c` and computes Q; false when d is not in [1, n-1].
+  bool setPrivateKey(Curve c, const BigNum& scalar);
+};
+
+}  // namespace tessel
