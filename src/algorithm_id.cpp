@@ -117,6 +117,16 @@ KeyType keyTypeFromOid(asn1::blob oid) {
   return keyRsa;  // rsaEncryption and anything unknown
 }
 
+asn1::blob getKeyOid(unsigned keyType) {
+  switch (keyType) {
+    case keyRsa: return asn1::blob(kRsaEncryption);
+    case keyEc: return asn1::blob(kEcPublicKey);
+    case keyEd25519: return asn1::blob(kEd25519);
+    case keyX25519: return asn1::blob(kX25519);
+    default: return {};
+  }
+}
+
 bool parse(AlgorithmIdentifier& id, asn1::blob content) {
   asn1::parser p(content);
   if (p.tag != 0x06) return false;

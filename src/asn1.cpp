@@ -228,6 +228,12 @@ void DerEncoder::addInt(unsigned tag, unsigned v) {
   addPrimitive(tag, content);
 }
 
+void DerEncoder::addInt(unsigned tag, const BigNum& v) {
+  std::vector<unsigned char> content = v.bin();
+  if (v.bits() % 8 == 0) content.insert(content.begin(), 0);  // zero, or the top bit set
+  addPrimitive(tag, asn1::blob(content));
+}
+
 DerScope DerEncoder::beginElement(unsigned tag) {
   const unsigned pos = static_cast<unsigned>(data.size());
   addTag(tag, 0);

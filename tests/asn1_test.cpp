@@ -29,29 +29,11 @@ std::string walk(const Bytes& der) {
   return out + (p.tag == asn1::tagEnd ? "end" : "error");
 }
 
+// The tables of this file are in tests/data/parse_cases.json (see gen_parse_cases.py beside it).
+using test::parseCases;
+
 TEST(DerParser, ElementsAndMalformations) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"", "end"},
-      {"020101", "2:01 end"},
-      {"0500", "5: end"},
-      {"3003020105040100", "30:020105 4:00 end"},
-      {"308103020105", "30:020105 end"},                  // non-minimal long form accepted
-      {"30820003020105", "30:020105 end"},
-      {"3080020105", "error"},                            // indefinite length
-      {"3085000000000302", "error"},                      // five length bytes
-      {"0201", "error"},                                  // length larger than what remains
-      {"020201", "error"},
-      {"02", "error"},                                    // no length byte
-      {"3081", "error"},                                  // long form without its bytes
-      {"0201050201", "2:05 error"},                       // good element, then truncation
-      {"bf1f0100", "bf1f:00 end"},                        // high tag number: identifier bytes kept
-      {"9f8101020a0b", "9f0101:0a0b end"},
-      {"1f", "error"},                                    // high tag form cut short
-      {"1fffffffff7f00", "error"},                        // identifier longer than 32 bits
-      {"048401000000", "error"},                          // 16 MiB claimed, nothing there
-      {"0484ff00000000", "error"},                        // length beyond 32 bits' worth
-  };
-  for (auto [hex, expected] : rows) EXPECT_EQ(walk(fromHex(hex)), expected) << hex;
+  for (const auto& r : parseCases("derWalk")) EXPECT_EQ(walk(fromHex(r[0].get<std::string>())), r[1]) << r[0];
 }
 
 TEST(DerParser, EndIsReportedOnceThenSticksAsError) {
@@ -105,16 +87,14 @@ TEST(DerParser, BitStringContent) {
 }
 
 TEST(DerEncoder, LengthsOfClosedScopes) {
-  const std::pair<unsigned, const char*> rows[] = {{0, "3000"},       {127, "307f"},     {128, "308180"},
-                                                   {200, "3081c8"},   {255, "3081ff"},   {256, "30820100"},
-                                                   {300, "3082012c"}, {65536, "3083010000"}};
-  for (auto [len, header] : rows) {
+  for (const auto& r : parseCases("derLengths")) {
+    const unsigned len = r[0];
+    const std::string h = r[1];
     DerEncoder e;
     {
       DerScope s = e.beginSequence();
       e.data.insert(e.data.end(), len, 0x55);
     }
-    std::string h = header;
     ASSERT_EQ(e.data.size(), h.size() / 2 + len) << len;
     EXPECT_EQ(test::toHex(Bytes(e.data.begin(), e.data.begin() + h.size() / 2)), h) << len;
     DerEncoder direct;
@@ -145,10 +125,12 @@ TEST(DerEncoder, NestedScopesMovesAndStacks) {
 }
 
 TEST(DerEncoder, MinimalIntegers) {
-  const std::pair<unsigned, const char*> rows[] = {{0, "00"},       {1, "01"},         {127, "7f"},
-                                                   {128, "0080"},   {255, "00ff"},     {256, "0100"},
-                                                   {0x1234, "1234"}, {0x800000, "00800000"}, {0xFFFFFFFF, "00ffffffff"}};
-  for (auto [v, hex] : rows) EXPECT_EQ(test::toHex(asn1::toDerInt(v)), hex) << v;
+  for (const auto& r : parseCases("derUInt")) EXPECT_EQ(test::toHex(asn1::toDerInt(r[0].get<unsigned>())), r[1]) << r[0];
+  for (const auto& r : parseCases("derBigInt")) {
+    DerEncoder e;
+    e.addInt(0x02, BigNum(asn1::blob(fromHex(r[0].get<std::string>()))));
+    EXPECT_EQ(test::toHex(e.data), r[1]) << r[0];
+  }
 }
 
 TEST(Asn1Text, HexAndOids) {
@@ -156,14 +138,8 @@ TEST(Asn1Text, HexAndOids) {
   Bytes b = fromHex("01abff");
   EXPECT_EQ(asn1::str(blob(b)), "01:ab:ff");
   EXPECT_EQ(asn1::oidStr({}), "()");
-  const std::pair<const char*, const char*> rows[] = {
-      {"2a864886f70d01010b", "SHA256+RSA"}, {"2a864886f70d010104", "MD5+RSA"},
-      {"2a8648ce3d040302", "SHA256+ECDSA"}, {"2a8648ce3d0401", "SHA1+ECDSA"},
-      {"2b6570", "ED25519"},                {"2b6571", "ED448"},
-      {"2a864886f70d01010e", "1.2.840.113549.1.1.14"},  // SHA-224 with RSA has no name, on purpose
-      {"550403", "2.5.4.3"},                {"8837", "3.16.55"},  // first byte divided as it stands
-      {"2a864886f70d01010b00", "1.2.840.113549.1.1.11.0"}};
-  for (auto [hex, name] : rows) EXPECT_EQ(asn1::oid2name(blob(fromHex(hex))), name) << hex;
+  for (const auto& r : parseCases("oidNames"))
+    EXPECT_EQ(asn1::oid2name(blob(fromHex(r[0].get<std::string>()))), r[1]) << r[0];
 }
 
 #if TESSEL_HAVE_OPENSSL

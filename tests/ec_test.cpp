@@ -35,26 +35,8 @@ struct NamedCurve {
   ECPoint times(const BigNum& k) const { return curve.toEC(curve.mul(k, curve.fromEC(G))); }
 };
 
-TEST(ECParams, NamedCurves) {
-  struct Case {
-    Curve c;
-    unsigned bits;
-    const char* gxPrefix;
-  };
-  const Case cases[] = {{Curve::p192, 192, "188da80e"}, {Curve::p224, 224, "b70e0cbd"},
-                        {Curve::p256, 256, "6b17d1f2"}, {Curve::p384, 384, "aa87ca22"},
-                        {Curve::p521, 521, "c6858e06"}};
-  for (const Case& c : cases) {
-    NamedCurve nc(c.c);
-    SCOPED_TRACE(c.bits);
-    ASSERT_TRUE(nc.ok);
-    EXPECT_EQ(nc.p.bits(), c.bits);
-    EXPECT_EQ(nc.n.bits(), c.bits);
-    EXPECT_EQ(nc.a, nc.p - BigNum(3u));
-    EXPECT_EQ(getOrderForECCurve(c.c), nc.n);
-    EXPECT_EQ(nc.G.x.str().substr(0, 8), c.gxPrefix);
-    EXPECT_TRUE(nc.curve.isOnCurve(nc.a, nc.b, nc.curve.fromEC(nc.G)));
-  }
+// The named curves' parameters are checked against OpenSSL's groups in WCurveOracle.
+TEST(ECParams, UnknownCurvesGiveNothing) {
   BigNum p(7u), n(7u);
   ECPoint G{BigNum(7u), BigNum(7u)};
   EXPECT_FALSE(getECParams(Curve(0), p, n, G));
@@ -126,11 +108,7 @@ TEST(WCurveTest, GroupEdgeCases) {
     SCOPED_TRACE(nc.p.bits());
     const WCurve& curve = nc.curve;
     const ECPoint none{};
-    EXPECT_EQ(nc.times(BigNum(0u)), none);
-    EXPECT_EQ(nc.times(BigNum(1u)), nc.G);
-    EXPECT_EQ(nc.times(nc.n), none);
     EXPECT_EQ(nc.times(nc.n - BigNum(1u)), (ECPoint{nc.G.x, nc.p - nc.G.y}));
-    EXPECT_EQ(nc.times(nc.n + BigNum(1u)), nc.G);
 
     RedNum t[5];
     WCurve::Point twice = curve.fromEC(nc.G);
@@ -158,12 +136,6 @@ TEST(WCurveTest, GroupEdgeCases) {
     curve.dbl(infTwice, t);
     EXPECT_TRUE(infTwice.isInfinity());
 
-    // 8 … 15 are each a single table entry; the results must still chain: k·G = (k−1)·G + G.
-    for (unsigned k = 3; k <= 17; ++k) {
-      WCurve::Point prev = curve.mul(BigNum(k - 1), curve.fromEC(nc.G));
-      curve.add(prev, curve.fromEC(nc.G), t);
-      EXPECT_EQ(nc.times(BigNum(k)), curve.toEC(std::move(prev))) << k;
-    }
     // mul2add with zero scalars and with P = Q.
     const WCurve::Point G = curve.fromEC(nc.G);
     EXPECT_EQ(curve.toEC(curve.mul2add(BigNum(0u), G, BigNum(0u), G)), none);
@@ -292,9 +264,10 @@ TEST(WCurveOracle, ParametersMatch) {
 TEST(WCurveOracle, ScalarMultiplesOfTheBasePoint) {
   test::TestRng rng(51);
   forEachCurve([&](const NamedCurve& nc, const OsslCurve& o) {
-    std::vector<BigNum> scalars = {BigNum(0u), BigNum(1u), BigNum(2u), nc.n - BigNum(1u), nc.n,
-                                   nc.n + BigNum(5u), (BigNum(1u) << nc.n.bits()) - BigNum(1u)};
-    for (int i = 0; i < 60; ++i) scalars.push_back(randomScalar(rng, nc.n));
+    std::vector<BigNum> scalars = {nc.n - BigNum(1u), nc.n, nc.n + BigNum(1u), nc.n + BigNum(5u),
+                                   (BigNum(1u) << nc.n.bits()) - BigNum(1u)};
+    for (unsigned k = 0; k <= 17; ++k) scalars.push_back(BigNum(k));  // 8 … 15: single table entries
+    for (int i = 0; i < test::rounds(60); ++i) scalars.push_back(randomScalar(rng, nc.n));
     for (const BigNum& k : scalars) {
       SCOPED_TRACE(k.str());
       ASSERT_EQ(nc.times(k), o.times(k));
@@ -305,7 +278,7 @@ TEST(WCurveOracle, ScalarMultiplesOfTheBasePoint) {
 TEST(WCurveOracle, DoubleScalarMultiplication) {
   test::TestRng rng(52);
   forEachCurve([&](const NamedCurve& nc, const OsslCurve& o) {
-    for (int i = 0; i < 25; ++i) {
+    for (int i = 0; i < test::rounds(25); ++i) {
       const BigNum s = randomScalar(rng, nc.n), k1 = randomScalar(rng, nc.n);
       // Short second scalars exercise the digits that read as zero.
       const BigNum k2 = i % 5 == 0 ? BigNum(rng.next()) : randomScalar(rng, nc.n);

@@ -63,9 +63,7 @@ TEST(DistinguishedName, UnknownAttributesAreKeptAndReported) {
 }
 
 TEST(DistinguishedName, MalformedStructure) {
-  const char* bad[] = {"", "3100", "3003310100" /* SET without SEQUENCE */, "300531033001" /* truncated */,
-                       "30073105300302012a" /* value but no OID */};
-  for (const char* hex : bad) {
+  for (const std::string hex : test::parseCases("badNames")) {
     DistinguishedName n;
     EXPECT_FALSE(n.parse(asn1::blob(fromHex(hex)))) << hex;
   }
@@ -89,27 +87,12 @@ TEST(DistinguishedName, EqualityIgnoresCaseOrderAndUnknowns) {
 }
 
 TEST(GeneralName, ParseSerializeAndText) {
-  struct Row {
-    const char* der;
-    bool ok;
-    unsigned type;
-    std::string text;
-  };
-  const Row rows[] = {
-      {"820b6578616d706c652e6f7267", true, 2, "DNS: example.org"},
-      {"8704c0000221", true, 7, "IP: 192.0.2.33"},
-      {"871020010db8000000000000000000000001", true, 7, "IP: 2001:db8::1"},
-      {"87050102030405", false, 7, "IP: ::"},
-      {"8103612e62", true, 1, "rfc822: a.b"},
-      {"a4023000", true, 4, std::string("Name: \x30\x00", 8)},
-      {"", true, 0, "other: "},       // nothing there: the end tag's low bits
-      {"8205", true, 1, "rfc822: "},  // malformed: the error tag's low bits
-  };
-  for (const Row& r : rows) {
+  for (const auto& r : test::parseCases("generalNames")) {
+    const std::string der = r[0];
     GeneralName g;
-    EXPECT_EQ(g.parse(asn1::blob(fromHex(r.der))), r.ok) << r.der;
-    EXPECT_EQ(g.type, r.type) << r.der;
-    EXPECT_EQ(g.typeStr() + ": " + g.dataStr(), r.text) << r.der;
+    EXPECT_EQ(g.parse(asn1::blob(fromHex(der))), r[1].get<bool>()) << der;
+    EXPECT_EQ(g.type, r[2].get<unsigned>()) << der;
+    EXPECT_EQ(g.typeStr() + ": " + g.dataStr(), r[3].get<std::string>()) << der;
   }
   GeneralName dir;
   dir.parse(asn1::blob(fromHex("a4023000")));

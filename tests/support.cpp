@@ -7,6 +7,8 @@
 
 #include "ol/file.h"
 #include "tessel/block.h"
+#include "ol/base64.h"
+#include "ol/file.h"
 #include "tessel/cpu.h"
 #include "tessel/factory.h"
 
@@ -76,6 +78,33 @@ std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key) {
     case BlockKind::des3: return std::make_unique<DES3>(key.data());
     default: return detail::makeAES(key.data(), key.size());
   }
+}
+
+Bytes readFixture(const std::string& relativePath) {
+  std::string text;
+  if (!ol::readFile(text, std::string(TESSEL_SOURCE_DIR) + "/tests/data/" + relativePath))
+    ADD_FAILURE() << "missing fixture " << relativePath;
+  return Bytes(text.begin(), text.end());
+}
+
+nlohmann::json dataFile(const std::string& relativePath) {
+  const Bytes text = readFixture(relativePath);
+  return text.empty() ? nlohmann::json::object() : nlohmann::json::parse(text);
+}
+
+nlohmann::json parseCases(const char* table) { return dataFile("parse_cases.json").at(table); }
+
+Bytes pemBody(const Bytes& text) {
+  std::string s(text.begin(), text.end()), b64;
+  auto begin = s.find("-----\n");
+  auto end = s.find("-----END");
+  if (begin == std::string::npos || end == std::string::npos) return {};
+  for (char c : s.substr(begin + 6, end - begin - 6))
+    if (c != '\n' && c != '\r') b64 += c;
+  Bytes out(b64.size() / 4 * 3 + 3);
+  int n = ol::base64Decode(b64.data(), b64.size(), out.data(), out.size());
+  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  return out;
 }
 
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id) { return detail::createSoftwareHash(id); }

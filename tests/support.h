@@ -13,6 +13,7 @@
 
 #include "tessel/block.h"
 #include "tessel/cipher.h"
+#include "tessel/cpu.h"
 #include "tessel/hash.h"
 
 namespace tessel::test {
@@ -57,6 +58,15 @@ std::optional<Bytes> openWith(Cipher& c, const Bytes& in, const Bytes& aad = {})
 enum class BlockKind { null, des, des3, aes };
 std::unique_ptr<BlockCipher> makeBlockCipher(BlockKind kind, const Bytes& key);
 
+// readFixture returns the bytes of a file below tests/data, failing the test when it is missing.
+Bytes readFixture(const std::string& relativePath);
+// dataFile parses a JSON case file below tests/data, failing the test when it is missing.
+nlohmann::json dataFile(const std::string& relativePath);
+// parseCases returns one table of tests/data/parse_cases.json (written by gen_parse_cases.py).
+nlohmann::json parseCases(const char* table);
+// pemBody decodes the Base64 body of the first PEM block of `text` (headers not allowed).
+Bytes pemBody(const Bytes& text);
+
 // makeSoftwareHash returns the software digest for a HashID (1..7), or null.
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id);
 
@@ -83,12 +93,25 @@ class UseCodePath {
 // instructions, the accelerated one (with carry-less GHASH where available).
 std::vector<CodePath> aesCodePaths();
 
-// forEachAesPath runs `body` once per AES code path, under a trace naming the path.
+// forEachAesPath runs `body` once per AES code path, under a trace naming the path, after
+// checking that the path asked for is the one that runs.
 template <class Body>
 void forEachAesPath(Body body) {
   for (const CodePath& path : aesCodePaths()) {
     UseCodePath use(path);
     SCOPED_TRACE(std::string("AES path ") + path.name);
+    EXPECT_EQ(aesInstructionsInUse(), !path.portable);
+    body();
+  }
+}
+
+// forEachDigestPath does the same for the digest code paths.
+template <class Body>
+void forEachDigestPath(Body body) {
+  for (const CodePath& path : digestCodePaths()) {
+    UseCodePath use(path);
+    SCOPED_TRACE(std::string("digest path ") + path.name);
+    EXPECT_EQ(shaExtensionsInUse(), !path.portable);
     body();
   }
 }
@@ -122,6 +145,24 @@ class TestRng {
  private:
   std::mt19937_64 gen_;
 };
+
+// kSanitized is true in AddressSanitizer builds, whose instrumented arithmetic is many times slower.
+#if defined(__SANITIZE_ADDRESS__)
+#define TESSEL_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TESSEL_TEST_ASAN 1
+#endif
+#endif
+#ifdef TESSEL_TEST_ASAN
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+// rounds gives the iteration count of a random property test: `n` natively, an eighth of it under
+// the sanitizers (which look for memory faults, not for rare operands).
+constexpr int rounds(int n) { return kSanitized ? (n + 7) / 8 : n; }
 
 // randomSplits cuts [0, total) into consecutive pieces of random lengths, mixing tiny pieces
 // with large ones so buffer boundaries are crossed in every way.

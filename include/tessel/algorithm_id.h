@@ -47,6 +47,9 @@ bool parseAlgosFromKeyInfo(asn1::blob der, KeyType* keyType, HashID* hash);
 // keyTypeFromOid maps a public-key algorithm OID to its KeyType; unknown OIDs read as RSA, the
 // type of every key the appliance stored before other types existed.
 KeyType keyTypeFromOid(asn1::blob oid);
+// getKeyOid returns the public-key algorithm OID of a key type (rsaEncryption, id-ecPublicKey,
+// Ed25519, X25519); empty for any other value.
+asn1::blob getKeyOid(unsigned keyType);
 // parse reads the content of an AlgorithmIdentifier SEQUENCE: an OID and at most one further
 // element, copied whole into params. False when the OID is missing or more elements follow.
 bool parse(AlgorithmIdentifier& id, asn1::blob content);

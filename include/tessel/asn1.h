@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tessel/bignum.h"
 #include "tessel/blob.h"
 
 namespace tessel {
@@ -138,6 +139,9 @@ class DerEncoder {
   void addNull() { addTag(0x05, 0); }
   void addBool(unsigned tag, bool v);
   void addInt(unsigned tag, unsigned v);
+  // addInt writes a non-negative big number as a minimal INTEGER content: a 00 byte goes in
+  // front when the top bit would be set, and zero is the single byte 00.
+  void addInt(unsigned tag, const BigNum& v);
   // addBytes appends raw bytes (an element encoded elsewhere).
   void addBytes(asn1::blob bytes) { data.insert(data.end(), bytes.begin(), bytes.end()); }
 

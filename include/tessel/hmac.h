@@ -1,6 +1,7 @@
 // HMAC (RFC 2104) over any Hash, and the HKDF key derivation (RFC 5869) built on it.
 #pragma once
 
+#include <string_view>
 #include <vector>
 
 #include "tessel/hash.h"
@@ -52,5 +53,10 @@ std::vector<unsigned char> HKPDF_Expand(Hash& h, const unsigned char* info, unsi
 std::vector<unsigned char> HKPDF(Hash& h, const std::vector<unsigned char>& salt,
                                  const std::vector<unsigned char>& info,
                                  const std::vector<unsigned char>& ikm, unsigned length);
+
+// pbkdf2 derives `length` bytes from `password` and `salt` with `iterations` rounds of HMAC over
+// `h` (PBKDF2, RFC 8018 section 5.2). `h` must be at a message boundary; it is left at one.
+std::vector<unsigned char> pbkdf2(Hash& h, std::string_view password, const unsigned char* salt, unsigned saltLen,
+                                  unsigned iterations, unsigned length);
 
 }  // namespace tessel

@@ -2,8 +2,9 @@
 """Writes bignum_vectors.json: big-number results computed with Python's own integers.
 
 The file is generated once and kept in the repository so that builds without libcrypto still
-check products, division, gcd, lcm, inverses, modular powers and decimal text against an
-outside oracle. Run it from this folder to regenerate (the seed keeps it stable).
+check products, division, gcd, lcm, inverses, modular powers, shifts, sums, bit counts and
+text forms against an outside oracle, on random operands and on hand-picked edge cases. Run
+it from this folder to regenerate (the seed keeps it stable).
 """
 import json
 import math
@@ -60,6 +61,63 @@ for i in range(60):
 for _ in range(40):
     a = number(size(40))
     cases.append({"op": "dec", "a": h(a), "dec": str(a)})
+
+
+
+def digits(*ds):
+    """The number whose 32-bit digits, least significant first, are `ds`."""
+    return sum(d << (32 * i) for i, d in enumerate(ds))
+
+
+def text(v):
+    n = max(1, (v.bit_length() + 31) // 32)
+    return ".".join(format((v >> (32 * i)) & 0xFFFFFFFF, "08x") for i in reversed(range(n)))
+
+
+def lsb(v):
+    return (v & -v).bit_length() - 1 if v else 0
+
+
+# Hand-picked edge cases: the carry, borrow, normalisation and Knuth D correction paths.
+M = 0xFFFFFFFF
+for a, b in [(5, 7), (0, 7), (digits(1, 2, 3), digits(1, 2, 3)), (100, 1),
+             (digits(0, 0, 1), 3),  # one-digit divisor: v[n-2] reads as 0 in the correction test
+             (digits(0, 0, 1), digits(0, 0x80000000)),  # top bit already set: no normalising shift
+             (digits(7, M), 0x80000000),  # top quotient digit from the repeated subtraction
+             (digits(0, 0xFFFFFFFE, 0, 0x80000000), digits(M, 0x80000000)),  # estimate 2^32 - 1
+             (digits(0, 0, 0x80000000, 0x7FFFFFFF), digits(1, 0, 0x80000000)),  # add-back step
+             (digits(0x80000001, 1, 0x7FFFFFFF), digits(0xFFFFFFFE, 0x80000000)),  # correction twice
+             (digits(2, 0x7FFFFFFF, 0, 0x7FFFFFFF), digits(0x80000000, 0xFFFFFFFE, 0x80000000)),
+             (digits(0, 0xFFFFFFFE, 0, 0x80000000), digits(0xFFFF, 0x80000000)),
+             (digits(0, 0, 0x80000000), digits(1, 0x80000000)),
+             (digits(3, 0, 0x80000000), digits(1, 0, 0x20000000)),
+             (digits(0, 0, 0x80000000, 0x7FFF), digits(1, 0, 0x8000)),
+             (digits(M, M, M), digits(M, M)), (digits(M, M), M), (digits(0, 0, 0, 1), digits(M, M))]:
+    cases.append({"op": "div", "a": h(a), "b": h(b), "q": h(a // b), "r": h(a % b)})
+for a, b in [(0, 9), (9, 0), (12, 18), (17, 5), (1 << 40, 1 << 33), (7, 7), (4, 6), (6, 4), (1 << 40, 3)]:
+    cases.append({"op": "gcd", "a": h(a), "b": h(b), "gcd": h(math.gcd(a, b)), "lcm": h(math.lcm(a, b))})
+for a, m in [(3, 7), (7, 7), (0, 7), (10, 7), (1, 2), (2, 9)]:
+    inverse = pow(a, -1, m) if a % m else 0  # a multiple of the modulus has no inverse: 0
+    cases.append({"op": "inv", "a": h(a), "m": h(m), "inverse": h(inverse)})
+for a, e, m in [(5, 0, 7), (5, 0, 1), (0, 5, 7), (3, 6, 7), (10, 1, 7), (2, 100, 101)]:
+    cases.append({"op": "exp", "a": h(a), "e": h(e), "m": h(m), "power": h(pow(a, e, m))})
+for a in [0, 1, 6, 1 << 32, 1 << 40, digits(M, M), 0x80000000, 10**9, 10**9 - 1, 10**18, digits(5, 0, 0xAB)]:
+    cases.append({"op": "text", "a": h(a), "dec": str(a), "digits": text(a), "bits": a.bit_length(), "lsb": lsb(a)})
+for a, k in [(1, 64), (1, 31), (3, 63), (digits(0, 0, 1), 64), (digits(0, 0, 1), 65), (digits(0x80000000, 1), 31)]:
+    cases.append({"op": "shift", "a": h(a), "k": k, "shl": h(a << k), "shr": h(a >> k)})
+for a, b in [(digits(M, M), 1), (digits(0, 0, 1), 1), (digits(M, M, M), 1), (digits(5, 1), digits(5, 1))]:
+    cases.append({"op": "addsub", "a": h(a), "b": h(b), "sum": h(a + b), "diff": h(a - b)})
+for hexbytes, order in [("", "big"), ("000001", "big"), ("00000000", "big"), ("0102030405", "big"), ("ffffffff", "big"),
+                        ("0000000100000000", "big"), ("112233445566778899", "big"), ("", "little"), ("0001", "little"),
+                        ("0100000000", "little"), ("0504030201", "little"), ("0000000001", "little")]:
+    v = int.from_bytes(bytes.fromhex(hexbytes), order)
+    ds = [(v >> (32 * i)) & M for i in range(max(1, (v.bit_length() + 31) // 32))]  # zero keeps one digit
+    cases.append({"op": "bytes", "a": hexbytes, "littleEndian": order == "little", "digits": ds})
+for a, length in [(0x1234, 4), (0x1234, 1), (0x1234, 0), (0, 0), (0, 3), (1 << 32, 0), (1 << 32, 8), (256, 0),
+                  (0x0504030201, 0)]:
+    out = a.to_bytes(max(length, (a.bit_length() + 7) // 8), "big")  # padded, never truncated
+    cases.append({"op": "bin", "a": h(a), "len": length, "big": out.hex(),
+                  "little": a.to_bytes((a.bit_length() + 7) // 8, "little").hex()})
 
 with open("bignum_vectors.json", "w") as f:
     json.dump(cases, f, indent=0)

@@ -14,7 +14,7 @@ PASSWORD=tessel-fixture
 for bits in 1024 1536 2048 3072 4096; do
   k=rsa$bits
   openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:$bits -out $k.pkcs8.pem 2>/dev/null
-  openssl pkey -in $k.pkcs8.pem -outform DER -out $k.pkcs8.der
+  openssl pkcs8 -topk8 -nocrypt -in $k.pkcs8.pem -outform DER -out $k.pkcs8.der
   openssl rsa -in $k.pkcs8.pem -traditional -out $k.pkcs1.pem 2>/dev/null
   openssl rsa -in $k.pkcs8.pem -traditional -outform DER -out $k.pkcs1.der 2>/dev/null
   openssl pkey -in $k.pkcs8.pem -pubout -out $k.pub.pem

@@ -1,0 +1,160 @@
+#include "tessel/rsa.h"
+
+#include <iostream>
+
+#include "tessel/reducer.h"
+
+namespace tessel {
+
+namespace {
+
+// takeInteger reads an INTEGER element into `out`; false when the current element is not one.
+bool takeInteger(asn1::parser& p, BigNum& out) {
+  if (p.tag != 0x02) return false;
+  out = BigNum(p.takeContent());
+  return p.tag != asn1::tagError;
+}
+
+BigNum mod(const BigNum& a, const BigNum& m) {
+  BigNum r;
+  div(a, m, nullptr, &r);
+  return r;
+}
+
+}  // namespace
+
+bool RsaPublicKey::checkPublicParts() const {
+  if (!e.isOdd() || (e.size() == 1 && e[0] < 3)) return false;
+  if (!(e < n)) return false;
+  if (n.bits() > 16384) return false;
+  if (n.bits() > 2048 && e.bits() > 64) return false;
+  return true;
+}
+
+bool RsaPublicKey::parseFromDerEncoded(asn1::blob key, asn1::blob) {
+  asn1::parser p(key);
+  if (!p.enter()) return false;
+  if (!takeInteger(p, n) || !takeInteger(p, e)) return false;
+  return checkPublicParts() && p.tag == asn1::tagEnd;
+}
+
+std::vector<unsigned char> RsaPublicKey::encodeToDerEncoded() const {
+  DerEncoder enc;
+  enc.sequence([&](DerEncoder& s) {
+    s.addInt(0x02, n);
+    s.addInt(0x02, e);
+  });
+  return std::move(enc.data);
+}
+
+bool RsaPublicKey::equals(const PublicKey& other) const {
+  if (other.getKeyType() != getKeyType()) return false;
+  const auto* rsa = dynamic_cast<const RsaPublicKey*>(&other);
+  return rsa && rsa->n == n && rsa->e == e;
+}
+
+void RsaPublicKey::dump(std::ostream& out) const {
+  out << "[RSA-PUBLIC]" << "\nmodulus: " << n.str() << "\npublicExponent: " << e.str() << "\n";
+}
+
+asn1::blob RsaPublicKey::parseHashFromDerEncoded(unsigned id, asn1::blob block) {
+  auto fail = [](const char* why) {
+    std::cout << why << "\n";
+    return asn1::blob();
+  };
+  if (block.empty()) return fail("empty digest info");
+  asn1::parser outer(block);
+  if (outer.content.empty()) return fail("digest info does not span whole block");
+  if (outer.rest.size() != 0) return fail("trailing data after digest info");
+  if (!outer.enter()) return fail("bad digest info prefix");
+  if (outer.tag != 0x30) return fail("missing algo id seq");
+  asn1::parser algo(outer.takeContent());
+  if (algo.tag != 0x06) return fail("missing alog id");
+  if (getHashID(algo.takeContent()) != id) return fail("not correct signature hash");
+  if (algo.tag != 0x05) return fail("missing algo id NULL params");
+  algo.next();
+  if (algo.tag != asn1::tagEnd) return fail("trailing bytes after algo id");
+  if (outer.tag != 0x04) return fail("missing hash");
+  asn1::blob digest = outer.takeContent();
+  if (outer.tag != asn1::tagEnd) return fail("trailing bytes after digest");
+  unsigned expected = 0;
+  switch (id) {
+    case hashMd5: expected = 16; break;
+    case hashSha1: expected = 20; break;
+    case hashSha256: expected = 32; break;
+    case hashSha384: expected = 48; break;
+    case hashSha512: expected = 64; break;
+    default: break;
+  }
+  if (expected == 0 || digest.size() != expected) return fail("bad digest length");
+  return digest;
+}
+
+bool RsaPrivateKey::parseFromDerEncoded(asn1::blob key, asn1::blob) {
+  asn1::parser der(key);
+  if (!der.enter()) return false;
+  BigNum version;
+  if (!takeInteger(der, version) || !version.isZero()) return false;
+  if (!takeInteger(der, n) || !takeInteger(der, e) || !takeInteger(der, d)) return false;
+  if (!checkPublicParts()) return false;
+  for (BigNum* v : {&p, &q, &dP, &dQ, &qInv})
+    if (!takeInteger(der, *v)) return false;
+  return der.tag == asn1::tagEnd;  // otherPrimeInfos (multi-prime keys) are refused
+}
+
+std::vector<unsigned char> RsaPrivateKey::encodeToDerEncoded() const {
+  DerEncoder enc;
+  enc.sequence([&](DerEncoder& s) {
+    s.addInt(0x02, 0u);
+    for (const BigNum* v : {&n, &e, &d, &p, &q, &dP, &dQ, &qInv}) s.addInt(0x02, *v);
+  });
+  return std::move(enc.data);
+}
+
+void RsaPrivateKey::dump(std::ostream& out) const {
+  out << "[RSA-PRIVATE]" << "\nmodulus: " << n.str() << "\npublicExponent: " << e.str()
+      << "\nprivateExponent: " << d.str() << "\n";
+}
+
+std::vector<unsigned char> RsaPrivateKey::signHashed(unsigned hashId, asn1::blob hash) const {
+  std::vector<unsigned char> t;
+  if (hashId == hashMd5Sha1) {
+    t = hash.vec();
+  } else {
+    DerEncoder enc;
+    saveDigest(enc, hashId, hash);
+    t = std::move(enc.data);
+  }
+  const unsigned k = modulusLength();
+  if (k < t.size() + 1) return {};
+  std::vector<unsigned char> em(k, 0xFF);
+  em[0] = 0x00;
+  if (k > 1) em[1] = 0x01;
+  em[k - t.size() - 1] = 0x00;
+  std::copy(t.begin(), t.end(), em.end() - static_cast<std::ptrdiff_t>(t.size()));
+  return privateOperation(asn1::blob(em));
+}
+
+std::vector<unsigned char> RsaPrivateKey::privateOperation(asn1::blob input) const {
+  const BigNum c(input);
+  if (!(c < n) || !n.isOdd()) return {};
+  BigNum m;
+  if (p.isZero() || q.isZero() || dP.isZero() || dQ.isZero() || qInv.isZero()) {
+    m = expByMod(c, d, n);
+  } else {
+    if (!p.isOdd() || !q.isOdd()) return {};
+    // Garner's recombination; the result is checked below, so a fault in either half (or a
+    // key whose CRT values do not match) never releases a wrong signature.
+    const BigNum m1 = expByMod(mod(c, p), dP, p);
+    const BigNum m2 = expByMod(mod(c, q), dQ, q);
+    BigNum h = m1;
+    while (h < m2) h += p;
+    h -= m2;
+    h = mod(qInv * h, p);
+    m = m2 + q * h;
+    if (!(expByMod(m, e, n) == c)) return {};
+  }
+  return m.bin(modulusLength());
+}
+
+}  // namespace tessel
