@@ -2,7 +2,6 @@
 #include <openssl/hmac.h>
 #endif
 
-#include <map>
 #include <memory>
 
 #if TESSEL_HAVE_OPENSSL
@@ -23,7 +22,6 @@ Bytes hmacOf(unsigned id, const Bytes& key, const Bytes& msg) {
   HMAC mac(h.get(), key.data(), static_cast<unsigned>(key.size()));
   return mac.update(msg).digest();
 }
-
 
 TEST(Hmac, KnownAnswers) {
   LOAD_VECTORS(cases, "kat/hmac.json");
