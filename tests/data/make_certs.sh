@@ -17,6 +17,7 @@
 #   serial20.pem / serial21.pem   20- and 21-byte serialNumber contents
 #   uniqueid.der         leaf.der with an issuerUniqueID inserted (must fail)
 #   chain.pem            leaf, CA and key block mixed
+#   typical.pem          a 2-KiB server certificate (RSA-4096), for the benchmark
 #   crl.pem / crl.der    CRL with nextUpdate, CRL number, AKI and revoked entries with reasons
 #   crl-empty.pem        CRL without revoked certificates
 #   crl-nonext.der       crl.der without nextUpdate
@@ -102,6 +103,7 @@ selfsign selfissued-noski.pem rsa1024.pkcs8.pem "/CN=Self issued" none 9
 issue serial20.pem rsa1024.pkcs8.pem "/CN=Serial twenty" none 0x7f0102030405060708090a0b0c0d0e0f10111213
 issue serial21.pem rsa1024.pkcs8.pem "/CN=Serial twenty-one" none 0x800102030405060708090a0b0c0d0e0f10111213
 cat leaf.pem "$K/rsa1024.pkcs8.pem" ca.pem >chain.pem
+selfsign typical.pem rsa4096.pkcs8.pem "/C=LV/L=Riga/O=Tessel Test/OU=Web/CN=www.example.com" leaf 0x5eed
 
 # issuerUniqueID [1] after the SubjectPublicKeyInfo: the tool cannot write it, so it is
 # inserted into the DER (the signature no longer matches, which parsing does not check).
