@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "x509_ext.h"
+
 namespace tessel {
 
 namespace {
@@ -9,12 +11,9 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using asn1::blob;
 
-const Bytes kReasonCode = {0x55, 0x1D, 0x15};
-const Bytes kCrlNumber = {0x55, 0x1D, 0x14};
-const Bytes kAuthorityKeyId = {0x55, 0x1D, 0x23};
-const Bytes kIssuingDistributionPoint = {0x55, 0x1D, 0x1C};
-
-bool is(const Bytes& known, blob oid) { return blob(known) == oid; }
+constexpr unsigned char kReasonCode[] = {0x55, 0x1D, 0x15};
+constexpr unsigned char kCrlNumber[] = {0x55, 0x1D, 0x14};
+constexpr unsigned char kIssuingDistributionPoint[] = {0x55, 0x1D, 0x1C};
 
 // reasonName follows the codes our stored CRL reports have always shown: 7 is "remove from
 // crl" and 8 has no name.
@@ -64,7 +63,7 @@ bool X509Crl::parseEntry(blob entry) {
       blob oid, value;
       bool critical;
       if (!x509::readExtension(x.content, &oid, &critical, &value)) return false;
-      if (is(kReasonCode, oid)) {
+      if (x509::oidIs(kReasonCode, oid)) {
         asn1::parser v(value);
         if (v.tag != 10) return false;
         rc.reason = static_cast<std::uint8_t>(v.takeUInt());
@@ -79,27 +78,19 @@ bool X509Crl::parseEntry(blob entry) {
 }
 
 bool X509Crl::parseCrlExtensions(blob list) {
-  std::vector<blob> seen;
+  x509::ExtensionList extensions;
   for (asn1::parser x(list); x.tag != asn1::tagEnd; x.next()) {
     if (x.tag != 0x30) return false;
     blob oid, value;
     bool critical;
-    if (!x509::readExtension(x.content, &oid, &critical, &value)) return false;
-    for (const blob& s : seen)
-      if (s == oid) return false;
-    seen.push_back(oid);
+    if (!extensions.read(x.content, &oid, &critical, &value)) return false;
     asn1::parser v(value);
-    if (is(kCrlNumber, oid)) {
+    if (x509::oidIs(kCrlNumber, oid)) {
       if (v.tag != 0x02) return false;
       crlNumber = v.content.vec();
-    } else if (is(kAuthorityKeyId, oid)) {
-      if (v.tag != 0x30) return false;
-      asn1::parser a(v.content);
-      if (a.tag == 0x80) authorityKeyId = a.takeContent().vec();
-      a.skipIf(0xA1);
-      a.skipIf(0x82);
-      if (a.tag != asn1::tagEnd) return false;
-    } else if (is(kIssuingDistributionPoint, oid)) {
+    } else if (x509::oidIs(x509::kOidAuthorityKeyId, oid)) {
+      if (!x509::readAuthorityKeyId(value, authorityKeyId)) return false;
+    } else if (x509::oidIs(kIssuingDistributionPoint, oid)) {
       std::cout << "ignoring crl ext issuingDistributionPoint\n";
     } else {
       std::cout << "unknown crl ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "tessel/pkcs8.h"
+#include "x509_ext.h"
 
 namespace tessel {
 
@@ -11,13 +12,8 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using asn1::blob;
 
-const Bytes kExtensionRequest = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x0E};
-const Bytes kChallengePassword = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x07};
-const Bytes kSubjectAltName = {0x55, 0x1D, 0x11};
-const Bytes kKeyUsage = {0x55, 0x1D, 0x0F};
-const Bytes kExtKeyUsage = {0x55, 0x1D, 0x25};
-
-bool is(const Bytes& known, blob oid) { return blob(known) == oid; }
+constexpr unsigned char kExtensionRequest[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x0E};
+constexpr unsigned char kChallengePassword[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x07};
 
 }  // namespace
 
@@ -39,9 +35,9 @@ bool X509Req::parseReq(blob der) {
     if (attr.tag != 0x06) return false;
     const blob oid = attr.takeContent();
     if (attr.tag != 0x31) return false;
-    if (is(kExtensionRequest, oid)) {
+    if (x509::oidIs(kExtensionRequest, oid)) {
       if (!parseExtensionRequest(attr.content)) return false;
-    } else if (is(kChallengePassword, oid)) {
+    } else if (x509::oidIs(kChallengePassword, oid)) {
       asn1::parser s(attr.content);
       if (s.tag != 19) return false;
       challengePassword = s.takeString();
@@ -55,25 +51,15 @@ bool X509Req::parseReq(blob der) {
 bool X509Req::parseExtensionRequest(blob set) {
   asn1::parser seq(set);
   if (seq.tag != 0x30) return false;
-  std::vector<blob> seen;
+  x509::ExtensionList extensions;
   for (asn1::parser x(seq.content); x.tag == 0x30; x.next()) {
     blob oid, value;
     bool critical;
-    if (!x509::readExtension(x.content, &oid, &critical, &value)) return false;
-    for (const blob& s : seen)
-      if (s == oid) return false;
-    seen.push_back(oid);
+    if (!extensions.read(x.content, &oid, &critical, &value)) return false;
     asn1::parser v(value);
-    if (is(kSubjectAltName, oid)) {
-      if (v.tag != 0x30) return false;
-      for (asn1::parser n(v.content); n.tag != asn1::tagEnd;) {
-        if (n.tag == asn1::tagError) return false;
-        GeneralName name;
-        if (!name.parse(n.takeElement())) return false;
-        subjectAltNames.push_back(std::move(name));
-      }
-      if (critical && subjectAltNames.empty()) return false;
-    } else if (is(kKeyUsage, oid)) {
+    if (x509::oidIs(x509::kOidSubjectAltName, oid)) {
+      if (!x509::readSubjectAltNames(value, critical, subjectAltNames)) return false;
+    } else if (x509::oidIs(x509::kOidKeyUsage, oid)) {
       if (v.tag != 0x03) return false;
       // Requests have always read the bits big-endian, unlike certificates; stored requests
       // and their consumers depend on it.
@@ -84,7 +70,7 @@ bool X509Req::parseExtensionRequest(blob set) {
         for (unsigned char b : bits) n = (n << 8) | b;
         keyUsage |= n;
       }
-    } else if (is(kExtKeyUsage, oid)) {
+    } else if (x509::oidIs(x509::kOidExtKeyUsage, oid)) {
       if (v.tag != 0x30) return false;
       keyUsage |= x509::extKeyUsageBits(v.content);
     } else {

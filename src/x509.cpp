@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "tessel/pkcs8.h"
+#include "x509_ext.h"
 
 namespace tessel {
 
@@ -14,20 +15,16 @@ using Bytes = std::vector<unsigned char>;
 using asn1::blob;
 
 // Extension OIDs (content bytes).
-const Bytes kSubjectAltName = {0x55, 0x1D, 0x11};
-const Bytes kKeyUsage = {0x55, 0x1D, 0x0F};
-const Bytes kExtKeyUsage = {0x55, 0x1D, 0x25};
-const Bytes kAuthorityKeyId = {0x55, 0x1D, 0x23};
-const Bytes kSubjectKeyId = {0x55, 0x1D, 0x0E};
-const Bytes kCrlDistributionPoints = {0x55, 0x1D, 0x1F};
-const Bytes kBasicConstraints = {0x55, 0x1D, 0x13};
-const Bytes kCertificatePolicies = {0x55, 0x1D, 0x20};
-const Bytes kPolicyMappings = {0x55, 0x1D, 0x21};
-const Bytes kNameConstraints = {0x55, 0x1D, 0x1E};
-const Bytes kPolicyConstraints = {0x55, 0x1D, 0x24};
-const Bytes kInhibitAnyPolicy = {0x55, 0x1D, 0x36};
-const Bytes kAuthorityInfoAccess = {0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x01, 0x01};
-const Bytes kEmbeddedScts = {0x2B, 0x06, 0x01, 0x04, 0x01, 0xD6, 0x79, 0x02, 0x04, 0x02};
+constexpr unsigned char kSubjectKeyId[] = {0x55, 0x1D, 0x0E};
+constexpr unsigned char kCrlDistributionPoints[] = {0x55, 0x1D, 0x1F};
+constexpr unsigned char kBasicConstraints[] = {0x55, 0x1D, 0x13};
+constexpr unsigned char kCertificatePolicies[] = {0x55, 0x1D, 0x20};
+constexpr unsigned char kPolicyMappings[] = {0x55, 0x1D, 0x21};
+constexpr unsigned char kNameConstraints[] = {0x55, 0x1D, 0x1E};
+constexpr unsigned char kPolicyConstraints[] = {0x55, 0x1D, 0x24};
+constexpr unsigned char kInhibitAnyPolicy[] = {0x55, 0x1D, 0x36};
+constexpr unsigned char kAuthorityInfoAccess[] = {0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x01, 0x01};
+constexpr unsigned char kEmbeddedScts[] = {0x2B, 0x06, 0x01, 0x04, 0x01, 0xD6, 0x79, 0x02, 0x04, 0x02};
 
 struct UsageName {
   std::uint32_t bit;
@@ -50,10 +47,8 @@ constexpr std::uint32_t kKeyUsageBits = 0xFFFF;
 // dvcs alone does not open the extended-usage line; kept so dumps match stored logs.
 constexpr std::uint32_t kExtLineBits = 0x3F0000;
 
-bool is(const Bytes& known, blob oid) { return blob(known) == oid; }
-
 // readNames appends every GeneralName of a list; false on a malformed list or name.
-bool readNames(blob list, std::vector<GeneralName>& out) {
+bool readNameList(blob list, std::vector<GeneralName>& out) {
   asn1::parser p(list);
   while (p.tag != asn1::tagEnd) {
     if (p.tag == asn1::tagError) return false;
@@ -114,7 +109,7 @@ bool readDistributionPoints(blob value, std::vector<GeneralName>& out) {
     asn1::parser dp(p.content);
     if (dp.tag == 0x80 || dp.tag == 0xA0) {
       asn1::parser inner(dp.content);
-      if (inner.tag == 0xA0 && !readNames(inner.content, out)) return false;
+      if (inner.tag == 0xA0 && !readNameList(inner.content, out)) return false;
     } else if (dp.tag == 0x81 || dp.tag == 0xA1 || dp.tag == 0x82 || dp.tag == 0xA2) {
       std::cout << "unsupported attribute: " << std::hex << dp.tag << std::dec << " in CRL DistributionPoint\n";
     }
@@ -125,6 +120,30 @@ bool readDistributionPoints(blob value, std::vector<GeneralName>& out) {
 }  // namespace
 
 namespace x509 {
+
+bool ExtensionList::read(blob ext, blob* oid, bool* critical, blob* value) {
+  if (!readExtension(ext, oid, critical, value)) return false;
+  for (const blob& s : seen_)
+    if (s == *oid) return false;
+  seen_.push_back(*oid);
+  return true;
+}
+
+bool readSubjectAltNames(blob value, bool critical, std::vector<GeneralName>& out) {
+  asn1::parser v(value);
+  if (v.tag != 0x30 || !readNameList(v.content, out)) return false;
+  return !(critical && out.empty());
+}
+
+bool readAuthorityKeyId(blob value, std::vector<unsigned char>& out) {
+  asn1::parser v(value);
+  if (v.tag != 0x30) return false;
+  asn1::parser a(v.content);
+  if (a.tag == 0x80) out = a.takeContent().vec();
+  a.skipIf(0xA1);
+  a.skipIf(0x82);
+  return a.tag == asn1::tagEnd;
+}
 
 bool readExtension(blob ext, blob* oid, bool* critical, blob* value) {
   asn1::parser p(ext);
@@ -141,14 +160,14 @@ bool readExtension(blob ext, blob* oid, bool* critical, blob* value) {
 }
 
 std::uint32_t extKeyUsageBits(blob seqContent) {
-  static const Bytes kEkuPrefix = {0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03};
+  static constexpr unsigned char kEkuPrefix[] = {0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03};
   std::uint32_t bits = 0;
   for (asn1::parser p(seqContent); p.tag == 0x06; p.next()) {
     const blob oid = p.content;
     std::uint32_t bit = 0;
-    if (oid.size() == kEkuPrefix.size() + 1 && std::equal(kEkuPrefix.begin(), kEkuPrefix.end(), oid.begin()))
+    if (oid.size() == sizeof kEkuPrefix + 1 && std::equal(std::begin(kEkuPrefix), std::end(kEkuPrefix), oid.begin()))
       for (const UsageName& u : kUsageNames)
-        if (u.ekuArc != 0 && u.ekuArc == oid[kEkuPrefix.size()]) bit = u.bit;
+        if (u.ekuArc != 0 && u.ekuArc == oid[sizeof kEkuPrefix]) bit = u.bit;
     if (bit == 0) std::cout << "unknown extended key usage " << asn1::oidStr(oid) << "\n";
     bits |= bit;
   }
@@ -228,42 +247,33 @@ bool X509Certificate::parseBody(blob der) {
 bool X509Certificate::parseExtensions(blob a3) {
   asn1::parser wrapper(a3);
   if (wrapper.tag != 0x30) return false;
-  std::vector<blob> seen;
+  x509::ExtensionList extensions;
   for (asn1::parser list(wrapper.content); list.tag != asn1::tagEnd; list.next()) {
     if (list.tag != 0x30) return false;
     blob oid, value;
     bool critical;
-    if (!x509::readExtension(list.content, &oid, &critical, &value)) return false;
-    for (const blob& s : seen)
-      if (s == oid) return false;
-    seen.push_back(oid);
+    if (!extensions.read(list.content, &oid, &critical, &value)) return false;
     asn1::parser v(value);
-    if (is(kSubjectAltName, oid)) {
-      if (v.tag != 0x30 || !readNames(v.content, subjectAltNames)) return false;
-      if (critical && subjectAltNames.empty()) return false;
-    } else if (is(kKeyUsage, oid)) {
+    if (x509::oidIs(x509::kOidSubjectAltName, oid)) {
+      if (!x509::readSubjectAltNames(value, critical, subjectAltNames)) return false;
+    } else if (x509::oidIs(x509::kOidKeyUsage, oid)) {
       if (v.tag != 0x03) return false;
       keyUsage |= keyUsageValue(v.content);
       if (keyUsage == 0) return false;
-    } else if (is(kExtKeyUsage, oid)) {
+    } else if (x509::oidIs(x509::kOidExtKeyUsage, oid)) {
       if (v.tag != 0x30) return false;
       keyUsage |= x509::extKeyUsageBits(v.content);
-    } else if (is(kAuthorityKeyId, oid)) {
-      if (v.tag != 0x30) return false;
-      asn1::parser a(v.content);
-      if (a.tag == 0x80) authorityKeyId = a.takeContent().vec();
-      a.skipIf(0xA1);
-      a.skipIf(0x82);
-      if (a.tag != asn1::tagEnd) return false;
-    } else if (is(kSubjectKeyId, oid)) {
+    } else if (x509::oidIs(x509::kOidAuthorityKeyId, oid)) {
+      if (!x509::readAuthorityKeyId(value, authorityKeyId)) return false;
+    } else if (x509::oidIs(kSubjectKeyId, oid)) {
       if (v.tag != 0x04) return false;
       subjectKeyId = v.content.vec();
-    } else if (is(kCrlDistributionPoints, oid)) {
+    } else if (x509::oidIs(kCrlDistributionPoints, oid)) {
       if (!readDistributionPoints(value, crlDistributionPoints)) return false;
-    } else if (is(kAuthorityInfoAccess, oid) || is(kEmbeddedScts, oid) || is(kCertificatePolicies, oid) ||
-               is(kPolicyMappings, oid)) {
+    } else if (x509::oidIs(kAuthorityInfoAccess, oid) || x509::oidIs(kEmbeddedScts, oid) || x509::oidIs(kCertificatePolicies, oid) ||
+               x509::oidIs(kPolicyMappings, oid)) {
       // accepted, not used
-    } else if (is(kBasicConstraints, oid)) {
+    } else if (x509::oidIs(kBasicConstraints, oid)) {
       if (v.tag != 0x30) return false;
       isCa = 2;
       asn1::parser b(v.content);
@@ -279,7 +289,7 @@ bool X509Certificate::parseExtensions(blob a3) {
         pathLen = static_cast<std::int32_t>(n);
       }
       if (b.tag != asn1::tagEnd) return false;
-    } else if (is(kNameConstraints, oid)) {
+    } else if (x509::oidIs(kNameConstraints, oid)) {
       if (v.tag != 0x30) return false;
       asn1::parser nc(v.content);
       if (nc.tag == 0xA0) {
@@ -294,10 +304,10 @@ bool X509Certificate::parseExtensions(blob a3) {
         std::cout << "unsupported ext: name constraints, critical: " << critical << "\n";
         if (critical) return false;
       }
-    } else if (is(kPolicyConstraints, oid)) {
+    } else if (x509::oidIs(kPolicyConstraints, oid)) {
       std::cout << "unsupported ext: policy constraints, critical: " << critical << "\n";
       if (critical) return false;
-    } else if (is(kInhibitAnyPolicy, oid)) {
+    } else if (x509::oidIs(kInhibitAnyPolicy, oid)) {
       std::cout << "unsupported ext: inhibit any policy, critical: " << critical << "\n";
       if (critical) return false;
     } else {

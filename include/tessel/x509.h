@@ -84,15 +84,4 @@ class X509Certificate : public X509Base {
   bool parseExtensions(asn1::blob list);
 };
 
-namespace x509 {
-// readExtension reads one Extension SEQUENCE content: OID, optional BOOLEAN critical (only
-// 00 and FF), OCTET STRING value. False when malformed.
-bool readExtension(asn1::blob ext, asn1::blob* oid, bool* critical, asn1::blob* value);
-// extKeyUsageBits maps an ExtKeyUsageSyntax SEQUENCE content to keyUsage bits, printing
-// "unknown extended key usage OID" for OIDs it does not know.
-std::uint32_t extKeyUsageBits(asn1::blob seqContent);
-// dumpNames writes "<indent>TYPE: DATA" for each name.
-void dumpNames(const std::vector<GeneralName>& names, const char* indent, std::ostream& os);
-}  // namespace x509
-
 }  // namespace tessel

@@ -105,10 +105,8 @@ issue serial21.pem rsa1024.pkcs8.pem "/CN=Serial twenty-one" none 0x800102030405
 cat leaf.pem "$K/rsa1024.pkcs8.pem" ca.pem >chain.pem
 selfsign typical.pem rsa4096.pkcs8.pem "/C=LV/L=Riga/O=Tessel Test/OU=Web/CN=www.example.com" leaf 0x5eed
 
-# issuerUniqueID [1] after the SubjectPublicKeyInfo: the tool cannot write it, so it is
-# inserted into the DER (the signature no longer matches, which parsing does not check).
-python3 - leaf.der uniqueid.der <<'PY'
-import sys
+# DER helpers for the edits below: element header writing and reading.
+cat >"$work/der.py" <<'PY'
 def hdr(tag, n):
     if n < 128: return bytes([tag, n])
     b = n.to_bytes((n.bit_length() + 7) // 8, 'big')
@@ -118,6 +116,13 @@ def read(d, i):  # returns (tag, content start, end)
     if n & 0x80:
         k = n & 0x7f; n = int.from_bytes(d[i:i + k], 'big'); i += k
     return tag, i, i + n
+PY
+
+# issuerUniqueID [1] after the SubjectPublicKeyInfo: the tool cannot write it, so it is
+# inserted into the DER (the signature no longer matches, which parsing does not check).
+PYTHONPATH=$work python3 - leaf.der uniqueid.der <<'PY'
+import sys
+from der import hdr, read
 d = open(sys.argv[1], 'rb').read()
 _, c, _ = read(d, 0)
 _, tc, te = read(d, c)
@@ -158,17 +163,9 @@ openssl ca -config "$work/ca.cnf" -revoke nc-two.pem -crl_reason removeFromCRL 2
 openssl ca -config "$work/ca.cnf" -gencrl -out crl.pem 2>/dev/null
 openssl crl -in crl.pem -outform DER -out crl.der
 # nextUpdate removed (the tool always writes one).
-python3 - crl.der crl-nonext.der <<'PY'
+PYTHONPATH=$work python3 - crl.der crl-nonext.der <<'PY'
 import sys
-def hdr(tag, n):
-    if n < 128: return bytes([tag, n])
-    b = n.to_bytes((n.bit_length() + 7) // 8, 'big')
-    return bytes([tag, 0x80 | len(b)]) + b
-def read(d, i):
-    tag, n = d[i], d[i + 1]; i += 2
-    if n & 0x80:
-        k = n & 0x7f; n = int.from_bytes(d[i:i + k], 'big'); i += k
-    return tag, i, i + n
+from der import hdr, read
 d = open(sys.argv[1], 'rb').read()
 _, c, end = read(d, 0)
 _, tc, te = read(d, c)
