@@ -7,7 +7,7 @@
 
 namespace tessel {
 
-unsigned X509Base::digestAlgo = 4;  // SHA-1
+HashID X509Base::digestAlgo = hashSha1;
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tessel/asn1.h"
+#include "tessel/hash.h"
 #include "tessel/keys.h"
 #include "tessel/names.h"
 #include "tessel/timepoint.h"
@@ -25,7 +26,7 @@ class X509Base {
 
   // digestAlgo is the digest a certificate being built derives its subject key identifier
   // with (SHA-1 unless the host changes it).
-  static unsigned digestAlgo;
+  static HashID digestAlgo;
 
   virtual ~X509Base() = default;
 
