@@ -116,25 +116,27 @@ def read(d, i):  # returns (tag, content start, end)
     if n & 0x80:
         k = n & 0x7f; n = int.from_bytes(d[i:i + k], 'big'); i += k
     return tag, i, i + n
+def rewrite_tbs(src, dst, edit):
+    """Writes src with edit() applied to the list of its TBS elements."""
+    d = open(src, 'rb').read()
+    _, c, end = read(d, 0)
+    _, tc, te = read(d, c)
+    elems = []; i = tc
+    while i < te:
+        _, _, e = read(d, i); elems.append(d[i:e]); i = e
+    edit(elems)
+    body = b''.join(elems)
+    out = hdr(0x30, len(body)) + body + d[te:end]
+    open(dst, 'wb').write(hdr(0x30, len(out)) + out)
 PY
 
 # issuerUniqueID [1] after the SubjectPublicKeyInfo: the tool cannot write it, so it is
 # inserted into the DER (the signature no longer matches, which parsing does not check).
 PYTHONPATH=$work python3 - leaf.der uniqueid.der <<'PY'
 import sys
-from der import hdr, read
-d = open(sys.argv[1], 'rb').read()
-_, c, _ = read(d, 0)
-_, tc, te = read(d, c)
-tbs_elems = []; i = tc
-while i < te:
-    t, s, e = read(d, i); tbs_elems.append(d[i:e]); i = e
-tbs_elems.insert(7, bytes([0x81, 0x02, 0x00, 0x5A]))  # after version..subjectPublicKeyInfo
-body = b''.join(tbs_elems)
-tbs = hdr(0x30, len(body)) + body
-rest = d[te:read(d, 0)[2]]
-out = tbs + rest
-open(sys.argv[2], 'wb').write(hdr(0x30, len(out)) + out)
+from der import rewrite_tbs
+# After version, serial, signature, issuer, validity, subject, subjectPublicKeyInfo.
+rewrite_tbs(sys.argv[1], sys.argv[2], lambda elems: elems.insert(7, bytes([0x81, 0x02, 0x00, 0x5A])))
 PY
 
 # A CRL from a minimal `openssl ca` directory.
@@ -165,18 +167,11 @@ openssl crl -in crl.pem -outform DER -out crl.der
 # nextUpdate removed (the tool always writes one).
 PYTHONPATH=$work python3 - crl.der crl-nonext.der <<'PY'
 import sys
-from der import hdr, read
-d = open(sys.argv[1], 'rb').read()
-_, c, end = read(d, 0)
-_, tc, te = read(d, c)
-elems = []; i = tc
-while i < te:
-    t, s, e = read(d, i); elems.append(d[i:e]); i = e
-assert elems[4][0] in (0x17, 0x18)  # version, sigalg, issuer, thisUpdate, nextUpdate
-del elems[4]
-body = b''.join(elems)
-out = hdr(0x30, len(body)) + body + d[te:end]
-open(sys.argv[2], 'wb').write(hdr(0x30, len(out)) + out)
+from der import rewrite_tbs
+def drop_next_update(elems):  # version, signature, issuer, thisUpdate, nextUpdate, ...
+    assert elems[4][0] in (0x17, 0x18)
+    del elems[4]
+rewrite_tbs(sys.argv[1], sys.argv[2], drop_next_update)
 PY
 
 cat >"$work/req.cnf" <<'CNF'
