@@ -34,3 +34,52 @@ TEST(Tool, DigestPrintsSha256sumLines) {
 }
 
 }  // namespace
+
+namespace {
+
+std::string fixture(const std::string& name) {
+  return std::string(TESSEL_SOURCE_DIR) + "/tests/data/" + name;
+}
+
+std::string readText(const std::string& path) {
+  std::string text;
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return text;
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+  std::fclose(f);
+  return text;
+}
+
+TEST(Tool, DumpPrintsCertificatesCrlsRequestsAndKeys) {
+  const std::string tool = TESSEL_TOOL_PATH;
+  if (tool.empty()) GTEST_SKIP() << "built without the example program";
+  const std::string leaf = readText(fixture("certs/leaf.dump")), ca = readText(fixture("certs/ca.dump"));
+  ASSERT_FALSE(leaf.empty());
+  auto [pem, pemStatus] = run(tool + " dump " + fixture("certs/leaf.pem"));
+  EXPECT_EQ(pemStatus, 0);
+  EXPECT_EQ(pem, "LABEL: CERTIFICATE\nunknown ext id=1.2.3.4.5, critical: 0\n" + leaf);
+  auto [der, derStatus] = run(tool + " dump " + fixture("certs/leaf.der"));
+  EXPECT_EQ(derStatus, 0);
+  EXPECT_EQ(der, "unknown ext id=1.2.3.4.5, critical: 0\n" + leaf);
+  auto [chain, chainStatus] = run(tool + " dump " + fixture("certs/chain.pem"));
+  EXPECT_EQ(chain, "LABEL: CERTIFICATE\nunknown ext id=1.2.3.4.5, critical: 0\nLABEL: PRIVATE KEY\n"
+                   "LABEL: CERTIFICATE\n" + leaf + ca);
+  EXPECT_EQ(run(tool + " dump " + fixture("certs/crl.der")).first, readText(fixture("certs/crl.dump")));
+  EXPECT_EQ(run(tool + " dump " + fixture("certs/req.pem")).first,
+            "unknown attribute 2a:86:48:86:f7:0d:01:09:02\n" + readText(fixture("certs/req.dump")));
+  // Keys: the legacy encrypted one needs its password.
+  std::string password = readText(fixture("keys/PASSWORD"));
+  password.erase(password.find_last_not_of('\n') + 1);
+  auto [key, keyStatus] =
+      run(tool + " dump " + fixture("keys/rsa2048.legacy-aes256.pem") + " --password " + password);
+  EXPECT_EQ(keyStatus, 0);
+  EXPECT_TRUE(key.starts_with("[RSA-PRIVATE]\nmodulus: ")) << key;
+  EXPECT_EQ(run(tool + " dump " + fixture("keys/rsa2048.legacy-aes256.pem") + " 2>/dev/null").second, 1);
+  EXPECT_TRUE(run(tool + " dump " + fixture("keys/rsa1024.pub.pem")).first.starts_with("[RSA-PUBLIC]\n"));
+  EXPECT_EQ(run(tool + " dump /nonexistent 2>/dev/null").second, 1);
+  EXPECT_EQ(run(tool + " dump 2>/dev/null").second, 2);
+}
+
+}  // namespace

@@ -1,0 +1,39 @@
+// X509Crl: a certificate revocation list, parsed from DER and dumped as text.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+#include "tessel/x509.h"
+
+namespace tessel {
+
+class X509Crl : public X509Base {
+ public:
+  struct RevokedCert {
+    std::vector<unsigned char> serial;  // userCertificate INTEGER content
+    TimePoint revocationDate;
+    std::uint8_t reason = 255;          // CRLReason; 255 when the entry has none
+  };
+
+  DistinguishedName issuer;
+  TimePoint thisUpdate;
+  TimePoint nextUpdate;  // 0 when absent
+  std::vector<RevokedCert> revoked;
+  std::vector<unsigned char> authorityKeyId;
+  std::vector<unsigned char> crlNumber;  // cRLNumber INTEGER content; empty when absent
+
+  // parse reads a DER CRL; false on any structural fault or unsupported critical extension
+  // (the object must then be discarded). Every field is copied.
+  bool parse(const unsigned char* data, unsigned len);
+  // dump writes the CRL's diagnostic text form.
+  void dump(std::ostream& os) const;
+
+ private:
+  bool parseBody(asn1::blob der);
+  bool parseEntry(asn1::blob entry);
+  bool parseCrlExtensions(asn1::blob list);
+};
+
+}  // namespace tessel

@@ -1,0 +1,35 @@
+// X509Req: a PKCS#10 certificate signing request, parsed from DER and dumped as text.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tessel/x509.h"
+
+namespace tessel {
+
+class X509Req : public X509Base {
+ public:
+  DistinguishedName subject;
+  std::vector<unsigned char> publicKeyInfo;  // whole SubjectPublicKeyInfo element
+  std::string challengePassword;
+  std::vector<GeneralName> subjectAltNames;
+  std::uint32_t keyUsage = 0;  // bits as X509Certificate::keyUsage
+
+  // parse reads a DER request; false on a structural fault (unknown attributes and extensions
+  // only print a line). Every field is copied.
+  bool parse(const unsigned char* data, unsigned len);
+  // parseReq reads the CertificationRequestInfo element.
+  bool parseReq(asn1::blob der);
+  // setPublicKey stores the key's SubjectPublicKeyInfo; false when the key has no encoding.
+  bool setPublicKey(const PublicKey& key);
+  // dump writes the request's diagnostic text form.
+  void dump(std::ostream& os) const;
+
+ private:
+  bool parseExtensionRequest(asn1::blob set);
+};
+
+}  // namespace tessel
