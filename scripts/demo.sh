@@ -9,3 +9,5 @@ echo "== tessel digest sha256 examples/*.txt"
 build/release/tessel digest sha256 examples/*.txt
 echo "== the same files through sha256sum, for comparison"
 sha256sum examples/*.txt
+echo "== tessel dump examples/leaf.pem"
+build/release/tessel dump examples/leaf.pem

@@ -144,12 +144,15 @@ std::string str(const blob& b) {
 std::string oidStr(blob oid) {
   if (oid.empty()) return "()";
   const unsigned first = oid.pop_front();
-  std::string out = std::to_string(first / 40) + "." + std::to_string(first % 40);
+  std::string out = std::to_string(first / 40);
+  out += '.';
+  out += std::to_string(first % 40);
   unsigned long long arc = 0;
   for (unsigned char b : oid) {
     arc = (arc << 7) | (b & 0x7F);
     if (!(b & 0x80)) {
-      out += "." + std::to_string(arc);
+      out += '.';
+      out += std::to_string(arc);
       arc = 0;
     }
   }
