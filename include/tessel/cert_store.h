@@ -1,0 +1,62 @@
+// Certificate stores: the lookup interface path building and validation use, and the in-memory
+// store filled from PEM text, a directory of files and the host's certificate manager.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tessel/blob.h"
+#include "tessel/crl.h"
+#include "tessel/names.h"
+#include "tessel/x509.h"
+
+namespace tessel {
+
+// CertificateStore is where path building finds issuers and validation finds CRLs. A filled
+// store is read-only and may be shared between threads.
+class CertificateStore {
+ public:
+  virtual ~CertificateStore() = default;
+  // findIssuer returns a certificate whose subject equals `issuer` and, when both are present,
+  // whose subject key identifier equals `authorityKeyId`; empty when the store has none.
+  virtual std::shared_ptr<X509Certificate> findIssuer(const DistinguishedName& issuer,
+                                                      const asn1::blob& authorityKeyId) const = 0;
+  // findCrl returns a CRL issued by the issuer of `cert` (matched by name, and by key
+  // identifier where the CRL and the certificate both carry one); empty when none is held.
+  virtual std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const = 0;
+};
+
+// CertificateMemoryStore keeps certificates and CRLs in memory, in load order. Loads only
+// append: duplicates are kept and nothing is ever replaced.
+class CertificateMemoryStore : public CertificateStore {
+ public:
+  std::vector<std::shared_ptr<X509Certificate>> certificates;
+  std::vector<std::shared_ptr<X509Crl>> crls;
+
+  // cloudSuffixes are the two domain suffixes (20 bytes each, starting with a dot) of the
+  // vendor cloud service whose Let's Encrypt entries keep the built-in anchors switched on in
+  // an old configuration. Host configuration: empty strings never match.
+  static std::array<std::string, 2> cloudSuffixes;
+
+  // loadFromStr appends every certificate of the PEM text `text` in order. True when at least
+  // one was read; false, with nothing appended, otherwise.
+  bool loadFromStr(std::string_view text);
+  // loadFromDir tries every entry of the directory `dir` as a certificate file and, when
+  // `withCrls` is set, as a CRL file when it is not a certificate. False only when the
+  // directory cannot be opened ("[ERR] opendir: " and the system error are printed).
+  bool loadFromDir(std::string_view dir, bool withCrls);
+  // loadFromCerm loads the certificate manager's entries usable for any bit of `useMask` (or
+  // all usable entries when `all` is set), the built-in CA directory when the configured trust
+  // mask allows it, and the CRLs that apply (not in `all` mode). Always true.
+  bool loadFromCerm(unsigned useMask, bool all);
+
+  std::shared_ptr<X509Certificate> findIssuer(const DistinguishedName& issuer,
+                                              const asn1::blob& authorityKeyId) const override;
+  std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const override;
+};
+
+}  // namespace tessel
