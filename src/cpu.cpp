@@ -43,6 +43,14 @@ bool cpuHasShaExtensions() {
   return has;
 }
 
+bool wideLimbsInUse() {
+#if defined(__SIZEOF_INT128__)
+  return !portableForced;
+#else
+  return false;
+#endif
+}
+
 bool shaExtensionsInUse() { return !portableForced && cpuHasShaExtensions(); }
 
 bool cpuHasAesInstructions() {

@@ -116,6 +116,14 @@ std::vector<CodePath> digestCodePaths() {
   return paths;
 }
 
+std::vector<CodePath> bignumCodePaths() {
+  std::vector<CodePath> paths = {{"32-bit digits", true}};
+#if defined(__SIZEOF_INT128__)
+  paths.push_back({"64-bit limbs", false});
+#endif
+  return paths;
+}
+
 std::vector<CodePath> aesCodePaths() {
   std::vector<CodePath> paths = {{"portable", true}};
   if (cpuHasAesInstructions()) paths.push_back({"aes-instructions", false});

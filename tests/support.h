@@ -105,6 +105,21 @@ void forEachAesPath(Body body) {
   }
 }
 
+// bignumCodePaths lists the Montgomery products on 32-bit digits and, where the compiler has a
+// 128-bit product, the one on 64-bit limbs.
+std::vector<CodePath> bignumCodePaths();
+
+// forEachBignumPath runs `body` once per Montgomery code path, checking which one runs.
+template <class Body>
+void forEachBignumPath(Body body) {
+  for (const CodePath& path : bignumCodePaths()) {
+    UseCodePath use(path);
+    SCOPED_TRACE(std::string("bignum path ") + path.name);
+    EXPECT_EQ(wideLimbsInUse(), !path.portable);
+    body();
+  }
+}
+
 // forEachDigestPath does the same for the digest code paths.
 template <class Body>
 void forEachDigestPath(Body body) {

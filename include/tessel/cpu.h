@@ -29,6 +29,10 @@ bool aesInstructionsInUse();
 // cpuHasCarrylessMultiply reports whether the processor offers PCLMULQDQ (with SSSE3).
 bool cpuHasCarrylessMultiply();
 
+// wideLimbsInUse reports whether Montgomery products of even digit counts run on 64-bit limbs
+// (hosts whose compiler has a 128-bit product); otherwise they run on the 32-bit digits.
+bool wideLimbsInUse();
+
 // carrylessMultiplyInUse reports whether GHASH objects built now multiply with PCLMULQDQ (each
 // GHASH object keeps the choice made when it was built; GCM builds one per message). It
 // requires the AES instructions to be in use as well.
