@@ -15,13 +15,6 @@ namespace {
 using Digit = BigNum::Digit;
 using Wide = std::uint64_t;
 
-// addProduct adds x·y to a column sum kept as separate sums of low and high halves.
-inline void addProduct(Wide& lo, Wide& hi, Digit x, Digit y) {
-  const Wide p = Wide{x} * y;
-  lo += static_cast<Digit>(p);
-  hi += p >> 32;
-}
-
 }  // namespace
 
 // mod1 is defined before emptyReducer, which refers to it.
@@ -141,81 +134,72 @@ constexpr std::size_t kMaxInterleaved = 136;
 // by a separate reduction.
 constexpr std::size_t kMaxInterleavedSquare = 16;
 
+// Double-width sums for the word types products run on: 32-bit digits everywhere, 64-bit limbs
+// where the compiler has a 128-bit product.
+template <class Word>
+struct DoubleOf;
+template <>
+struct DoubleOf<Digit> {
+  using type = Wide;
+};
+#if defined(__SIZEOF_INT128__)
+using Limb = std::uint64_t;
+template <>
+struct DoubleOf<Limb> {
+  using type = unsigned __int128;
+};
+#endif
+
+// addProduct adds x·y to a column sum kept as separate sums of low and high halves.
+template <class Word, class Double = typename DoubleOf<Word>::type>
+inline void addProduct(Double& lo, Double& hi, Word x, Word y) {
+  constexpr unsigned bits = 8 * sizeof(Word);
+  const Double p = Double{x} * y;
+  lo += static_cast<Word>(p);
+  hi += p >> bits;
+}
+
 // fips accumulates a·b·R⁻¹ (below 2n) in t[0..k] by finely integrated product scanning: column
 // by column, the products a[j]·b[i−j] and m[j]·n[i−j] are summed with their low and high
 // halves kept apart, so the terms of a column do not wait on each other's carries. m[i] is
-// chosen so that column i ends in a zero digit. `k` is either a run-time count or a
+// chosen so that column i ends in a zero word. `k` is either a run-time count or a
 // std::integral_constant, so the common curve sizes get loops of fixed length.
-template <class Len>
-void fips(Digit* t, const Digit* a, const Digit* b, const Digit* n, Digit nPrime, Len k) {
-  Digit m[kMaxInterleaved];
-  Wide carry = 0;
+template <class Word, class Len>
+void fips(Word* t, const Word* a, const Word* b, const Word* n, Word nPrime, Len k) {
+  using Double = typename DoubleOf<Word>::type;
+  constexpr unsigned bits = 8 * sizeof(Word);
+  Word m[kMaxInterleaved];
+  Double carry = 0;
   for (std::size_t i = 0; i < k; ++i) {
-    Wide lo = carry, hi = 0;
+    Double lo = carry, hi = 0;
     for (std::size_t j = 0; j < i; ++j) {
       addProduct(lo, hi, a[j], b[i - j]);
       addProduct(lo, hi, m[j], n[i - j]);
     }
     addProduct(lo, hi, a[i], b[0]);
-    m[i] = static_cast<Digit>(lo) * nPrime;
+    m[i] = static_cast<Word>(lo) * nPrime;
     addProduct(lo, hi, m[i], n[0]);
-    carry = (lo >> 32) + hi;
+    carry = (lo >> bits) + hi;
   }
   for (std::size_t i = k; i + 1 < 2 * k; ++i) {
-    Wide lo = carry, hi = 0;
+    Double lo = carry, hi = 0;
     for (std::size_t j = i + 1 - k; j < k; ++j) {
       addProduct(lo, hi, a[j], b[i - j]);
       addProduct(lo, hi, m[j], n[i - j]);
     }
-    t[i - k] = static_cast<Digit>(lo);
-    carry = (lo >> 32) + hi;
+    t[i - k] = static_cast<Word>(lo);
+    carry = (lo >> bits) + hi;
   }
-  t[k - 1] = static_cast<Digit>(carry);
-  t[k] = static_cast<Digit>(carry >> 32);
+  t[k - 1] = static_cast<Word>(carry);
+  t[k] = static_cast<Word>(carry >> bits);
 }
 
 template <std::size_t K>
 using Fixed = std::integral_constant<std::size_t, K>;
 
 #if defined(__SIZEOF_INT128__)
-// The same product over 64-bit limbs, for hosts with a 128-bit multiply: a quarter of the
-// multiplications. With an even digit count R is unchanged, so results are identical.
-using Limb = std::uint64_t;
-using WideLimb = unsigned __int128;
-
-inline void addProduct(WideLimb& lo, WideLimb& hi, Limb x, Limb y) {
-  const WideLimb p = WideLimb{x} * y;
-  lo += static_cast<Limb>(p);
-  hi += p >> 64;
-}
-
-template <class Len>
-void fips64(Limb* t, const Limb* a, const Limb* b, const Limb* n, Limb nPrime, Len k) {
-  Limb m[kMaxInterleaved / 2];
-  WideLimb carry = 0;
-  for (std::size_t i = 0; i < k; ++i) {
-    WideLimb lo = carry, hi = 0;
-    for (std::size_t j = 0; j < i; ++j) {
-      addProduct(lo, hi, a[j], b[i - j]);
-      addProduct(lo, hi, m[j], n[i - j]);
-    }
-    addProduct(lo, hi, a[i], b[0]);
-    m[i] = static_cast<Limb>(lo) * nPrime;
-    addProduct(lo, hi, m[i], n[0]);
-    carry = (lo >> 64) + hi;
-  }
-  for (std::size_t i = k; i + 1 < 2 * k; ++i) {
-    WideLimb lo = carry, hi = 0;
-    for (std::size_t j = i + 1 - k; j < k; ++j) {
-      addProduct(lo, hi, a[j], b[i - j]);
-      addProduct(lo, hi, m[j], n[i - j]);
-    }
-    t[i - k] = static_cast<Limb>(lo);
-    carry = (lo >> 64) + hi;
-  }
-  t[k - 1] = static_cast<Limb>(carry);
-  t[k] = static_cast<Limb>(carry >> 64);
-}
+// With an even digit count the product can run on 64-bit limbs, a quarter of the
+// multiplications; R is unchanged, so results are identical.
 
 // toLimbs packs digit pairs into limbs, padding with zero digits up to `limbs` limbs.
 void toLimbs(Limb* out, const std::vector<Digit>& d, std::size_t limbs) {
@@ -236,10 +220,10 @@ void montMulWide(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, D
   const Limb inv32 = Limb{static_cast<Digit>(0u - nPrime32)};
   const Limb nPrime = 0 - inv32 * (2 - nl[0] * inv32);
   switch (limbs) {
-    case 3: fips64(t, al, bl, nl, nPrime, Fixed<3>{}); break;   // P-192
-    case 4: fips64(t, al, bl, nl, nPrime, Fixed<4>{}); break;   // P-256
-    case 6: fips64(t, al, bl, nl, nPrime, Fixed<6>{}); break;   // P-384
-    default: fips64(t, al, bl, nl, nPrime, limbs); break;
+    case 3: fips(t, al, bl, nl, nPrime, Fixed<3>{}); break;   // P-192
+    case 4: fips(t, al, bl, nl, nPrime, Fixed<4>{}); break;   // P-256
+    case 6: fips(t, al, bl, nl, nPrime, Fixed<6>{}); break;   // P-384
+    default: fips(t, al, bl, nl, nPrime, limbs); break;
   }
   std::vector<Digit>& out = r.digits();
   out.resize(2 * limbs + 2);

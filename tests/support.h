@@ -93,42 +93,35 @@ class UseCodePath {
 // instructions, the accelerated one (with carry-less GHASH where available).
 std::vector<CodePath> aesCodePaths();
 
-// forEachAesPath runs `body` once per AES code path, under a trace naming the path, after
-// checking that the path asked for is the one that runs.
-template <class Body>
-void forEachAesPath(Body body) {
-  for (const CodePath& path : aesCodePaths()) {
-    UseCodePath use(path);
-    SCOPED_TRACE(std::string("AES path ") + path.name);
-    EXPECT_EQ(aesInstructionsInUse(), !path.portable);
-    body();
-  }
-}
-
 // bignumCodePaths lists the Montgomery products on 32-bit digits and, where the compiler has a
 // 128-bit product, the one on 64-bit limbs.
 std::vector<CodePath> bignumCodePaths();
 
-// forEachBignumPath runs `body` once per Montgomery code path, checking which one runs.
+// forEachPath runs `body` once per entry of `paths`, under a trace naming it, after checking
+// with `inUse` that the path asked for is the one that runs.
 template <class Body>
-void forEachBignumPath(Body body) {
-  for (const CodePath& path : bignumCodePaths()) {
+void forEachPath(const char* family, const std::vector<CodePath>& paths, bool (*inUse)(), Body body) {
+  for (const CodePath& path : paths) {
     UseCodePath use(path);
-    SCOPED_TRACE(std::string("bignum path ") + path.name);
-    EXPECT_EQ(wideLimbsInUse(), !path.portable);
+    SCOPED_TRACE(std::string(family) + " path " + path.name);
+    EXPECT_EQ(inUse(), !path.portable);
     body();
   }
 }
 
-// forEachDigestPath does the same for the digest code paths.
+template <class Body>
+void forEachAesPath(Body body) {
+  forEachPath("AES", aesCodePaths(), aesInstructionsInUse, body);
+}
+
 template <class Body>
 void forEachDigestPath(Body body) {
-  for (const CodePath& path : digestCodePaths()) {
-    UseCodePath use(path);
-    SCOPED_TRACE(std::string("digest path ") + path.name);
-    EXPECT_EQ(shaExtensionsInUse(), !path.portable);
-    body();
-  }
+  forEachPath("digest", digestCodePaths(), shaExtensionsInUse, body);
+}
+
+template <class Body>
+void forEachBignumPath(Body body) {
+  forEachPath("bignum", bignumCodePaths(), wideLimbsInUse, body);
 }
 
 // FakeProcCrypto points the platform root (ol/file.h) at a temporary folder whose
