@@ -1,12 +1,11 @@
 #include "endian.h"
+#include "sha2_block.h"
 #include "sha_x86.h"
 #include "tessel/cpu.h"
 #include "tessel/hash.h"
 
 namespace tessel {
 
-using detail::loadBe32;
-using detail::rotr32;
 
 namespace {
 
@@ -32,43 +31,7 @@ void SHA256::compressBlocks(const unsigned char* p, std::size_t count) {
 #ifdef TESSEL_HAVE_SHA_X86
   if (shaExtensionsInUse()) return detail::sha256CompressShaExt(state_, p, count, kK);
 #endif
-  for (; count > 0; --count, p += 64) {
-    std::uint32_t w[64];
-    for (int i = 0; i < 16; ++i) w[i] = loadBe32(p + 4 * i);
-    for (int i = 16; i < 64; ++i) {
-      std::uint32_t s0 = rotr32(w[i - 15], 7) ^ rotr32(w[i - 15], 18) ^ (w[i - 15] >> 3);
-      std::uint32_t s1 = rotr32(w[i - 2], 17) ^ rotr32(w[i - 2], 19) ^ (w[i - 2] >> 10);
-      w[i] = w[i - 16] + s0 + w[i - 7] + s1;
-    }
-    std::uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
-    std::uint32_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
-    // Eight rounds per pass with the register names rotated instead of the values moved.
-    auto round = [&](std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t& d, std::uint32_t e,
-                     std::uint32_t f, std::uint32_t g, std::uint32_t& h, int i) {
-      std::uint32_t t1 = h + (rotr32(e, 6) ^ rotr32(e, 11) ^ rotr32(e, 25)) + ((e & f) ^ (~e & g)) + kK[i] + w[i];
-      std::uint32_t t2 = (rotr32(a, 2) ^ rotr32(a, 13) ^ rotr32(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
-      d += t1;
-      h = t1 + t2;
-    };
-    for (int i = 0; i < 64; i += 8) {
-      round(a, b, c, d, e, f, g, h, i);
-      round(h, a, b, c, d, e, f, g, i + 1);
-      round(g, h, a, b, c, d, e, f, i + 2);
-      round(f, g, h, a, b, c, d, e, i + 3);
-      round(e, f, g, h, a, b, c, d, i + 4);
-      round(d, e, f, g, h, a, b, c, i + 5);
-      round(c, d, e, f, g, h, a, b, i + 6);
-      round(b, c, d, e, f, g, h, a, i + 7);
-    }
-    state_[0] += a;
-    state_[1] += b;
-    state_[2] += c;
-    state_[3] += d;
-    state_[4] += e;
-    state_[5] += f;
-    state_[6] += g;
-    state_[7] += h;
-  }
+  detail::sha2Compress<detail::Sha256Words>(state_, p, count, kK);
 }
 
 void SHA256::digest(unsigned char* out) {

@@ -1,10 +1,9 @@
 #include "endian.h"
+#include "sha2_block.h"
 #include "tessel/hash.h"
 
 namespace tessel {
 
-using detail::loadBe64;
-using detail::rotr64;
 
 namespace {
 
@@ -43,43 +42,7 @@ void SHA384::init() {
 }
 
 void SHA512::compressBlocks(const unsigned char* p, std::size_t count) {
-  for (; count > 0; --count, p += 128) {
-    std::uint64_t w[80];
-    for (int i = 0; i < 16; ++i) w[i] = loadBe64(p + 8 * i);
-    for (int i = 16; i < 80; ++i) {
-      std::uint64_t s0 = rotr64(w[i - 15], 1) ^ rotr64(w[i - 15], 8) ^ (w[i - 15] >> 7);
-      std::uint64_t s1 = rotr64(w[i - 2], 19) ^ rotr64(w[i - 2], 61) ^ (w[i - 2] >> 6);
-      w[i] = w[i - 16] + s0 + w[i - 7] + s1;
-    }
-    std::uint64_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
-    std::uint64_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
-    // Eight rounds per pass with the register names rotated instead of the values moved.
-    auto round = [&](std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t& d, std::uint64_t e,
-                     std::uint64_t f, std::uint64_t g, std::uint64_t& h, int i) {
-      std::uint64_t t1 = h + (rotr64(e, 14) ^ rotr64(e, 18) ^ rotr64(e, 41)) + ((e & f) ^ (~e & g)) + kK[i] + w[i];
-      std::uint64_t t2 = (rotr64(a, 28) ^ rotr64(a, 34) ^ rotr64(a, 39)) + ((a & b) ^ (a & c) ^ (b & c));
-      d += t1;
-      h = t1 + t2;
-    };
-    for (int i = 0; i < 80; i += 8) {
-      round(a, b, c, d, e, f, g, h, i);
-      round(h, a, b, c, d, e, f, g, i + 1);
-      round(g, h, a, b, c, d, e, f, i + 2);
-      round(f, g, h, a, b, c, d, e, i + 3);
-      round(e, f, g, h, a, b, c, d, i + 4);
-      round(d, e, f, g, h, a, b, c, i + 5);
-      round(c, d, e, f, g, h, a, b, i + 6);
-      round(b, c, d, e, f, g, h, a, i + 7);
-    }
-    state_[0] += a;
-    state_[1] += b;
-    state_[2] += c;
-    state_[3] += d;
-    state_[4] += e;
-    state_[5] += f;
-    state_[6] += g;
-    state_[7] += h;
-  }
+  detail::sha2Compress<detail::Sha512Words>(state_, p, count, kK);
 }
 
 void SHA512::digest(unsigned char* out) {
