@@ -71,7 +71,9 @@ asn1::blob RsaPublicKey::parseHashFromDerEncoded(unsigned id, asn1::blob block) 
   asn1::parser algo(outer.takeContent());
   if (algo.tag != 0x06) return fail("missing alog id");
   if (getHashID(algo.takeContent()) != id) return fail("not correct signature hash");
-  if (algo.tag != 0x05) return fail("missing algo id NULL params");
+  // NULL has no content. Bytes skipped here would give a low-exponent forger room for the
+  // garbage a cube root leaves behind, so parameters carrying any are refused.
+  if (algo.tag != 0x05 || !algo.content.empty()) return fail("missing algo id NULL params");
   algo.next();
   if (algo.tag != asn1::tagEnd) return fail("trailing bytes after algo id");
   if (outer.tag != 0x04) return fail("missing hash");

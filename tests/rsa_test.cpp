@@ -173,6 +173,7 @@ TEST(RsaPublicKey, DigestInfoChecks) {
       {info("30020500", d32), hashSha256, "missing alog id"},
       {info(sha1Algo, "0414" + std::string(40, '1')), hashSha256, "not correct signature hash"},
       {info("300b0609608648016503040201", d32), hashSha256, "missing algo id NULL params"},
+      {info("300f0609608648016503040201050200ff", d32), hashSha256, "missing algo id NULL params"},
       {info("300f060960864801650304020105000500", d32), hashSha256, "trailing bytes after algo id"},
       {info(sha256Algo, "0300"), hashSha256, "missing hash"},
       {info(sha256Algo, d32, "0500"), hashSha256, "trailing bytes after digest"},

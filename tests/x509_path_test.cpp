@@ -1,0 +1,216 @@
+// Path building and validation over the scenario table of tests/data/chains, each scenario
+// cross-checked with `openssl verify` where OpenSSL's rules and ours agree; name-constraint and
+// host-matching corner cases; RSA PKCS#1 v1.5 signature checks against Wycheproof.
+#include "tessel/x509_path.h"
+
+#include <cstdio>
+#include <set>
+#include <string>
+
+#include "support.h"
+#include "tessel/pem.h"
+
+namespace tessel {
+namespace {
+
+using test::Bytes;
+using Chain = std::vector<std::shared_ptr<X509Certificate>>;
+
+const std::string kDir = std::string(TESSEL_SOURCE_DIR) + "/tests/data/chains/";
+
+const nlohmann::json& table() {
+  static const nlohmann::json t = test::dataFile("chains/scenarios.json");
+  return t;
+}
+
+std::shared_ptr<X509Certificate> load(const std::string& name) {
+  std::shared_ptr<X509Certificate> cert = readCertFromFile(kDir + name + ".pem");
+  EXPECT_TRUE(cert) << name;
+  return cert;
+}
+
+std::vector<Bytes> tbsOf(const Chain& chain) {
+  std::vector<Bytes> out;
+  for (const auto& c : chain) out.push_back(c->tbs);
+  return out;
+}
+
+// opensslVerify runs `openssl verify ARGS` in the scenario folder: exit status and output.
+std::pair<int, std::string> opensslVerify(const std::string& args) {
+  std::string out;
+  FILE* p = popen(("cd " + kDir + " && openssl verify " + args + " 2>&1").c_str(), "r");
+  if (!p) return {-1, out};
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  const int status = pclose(p);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+bool haveOpenssl() {
+  static const bool have = std::system("openssl version >/dev/null 2>&1") == 0;
+  return have;
+}
+
+TEST(X509Path, ScenarioTable) {
+  const nlohmann::json& t = table();
+  ASSERT_TRUE(t.contains("scenarios"));
+  if (!haveOpenssl()) std::cout << "no openssl tool: the openssl verify cross-check is left out\n";
+  for (const auto& s : t["scenarios"]) {
+    SCOPED_TRACE(s["name"].get<std::string>());
+    CertificateMemoryStore store;
+    for (const auto& name : s["store"]) {
+      const Bytes pem = test::readFixture("chains/" + name.get<std::string>() + ".pem");
+      testing::internal::CaptureStdout();  // the PEM reader names each block
+      const bool loaded =
+          store.loadFromStr(std::string_view(reinterpret_cast<const char*>(pem.data()), pem.size()));
+      testing::internal::GetCapturedStdout();
+      ASSERT_TRUE(loaded) << name;
+    }
+    for (const auto& name : s.value("crls", nlohmann::json::array())) {
+      std::shared_ptr<X509Crl> crl = readCrlFromFile(kDir + name.get<std::string>() + ".crl");
+      ASSERT_TRUE(crl);
+      store.crls.push_back(crl);
+    }
+    Chain expected;
+    for (const auto& name : s["chain"]) expected.push_back(load(name.get<std::string>()));
+    ol::IPAddr6 ip;
+    if (s.contains("ip")) {
+      ASSERT_TRUE(ip.parse(s["ip"].get<std::string>()));
+    }
+    std::string wantOut;
+    for (const auto& line : s.value("stdout", nlohmann::json::array()))
+      wantOut += line.get<std::string>() + "\n";
+
+    const bool build = s.value("build", false);
+    Chain chain = build ? Chain{expected[0]} : expected;
+    std::string error = "untouched";
+    testing::internal::CaptureStdout();
+    const bool built = build && x509BuildPath(store, chain, nullptr);
+    const unsigned code =
+        x509ValidatePath(chain, store, TimePoint::fromSeconds(s.value("time", t["time"].get<std::int64_t>())),
+                         s.value("host", ""), ip, s.value("email", ""), s.value("checkCrl", false), &error);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), wantOut);
+    EXPECT_EQ(built, build);
+    EXPECT_EQ(code, s["code"].get<unsigned>());
+    EXPECT_EQ(error, s.value("error", "untouched"));
+    EXPECT_EQ(tbsOf(chain), tbsOf(expected));
+    if (build) {  // the same path from an explicit start, which is itself not appended
+      Chain above;
+      testing::internal::CaptureStdout();
+      const bool builtAbove = x509BuildPath(store, above, expected[0]);
+      EXPECT_EQ(testing::internal::GetCapturedStdout(), wantOut);
+      EXPECT_EQ(builtAbove, expected.size() > 1);
+      EXPECT_EQ(tbsOf(above), tbsOf(Chain(expected.begin() + 1, expected.end())));
+    }
+
+    if (!s.contains("openssl") || !haveOpenssl()) continue;
+    const std::string says = s["openssl"][1];
+    auto [status, out] = opensslVerify(s["openssl"][0]);
+    EXPECT_NE(out.find(says), std::string::npos) << out;
+    EXPECT_EQ(status == 0, says.ends_with(": OK")) << out;
+    EXPECT_EQ(status == 0, s["code"] == 0) << "openssl and the table disagree";
+  }
+}
+
+TEST(X509Path, BuildingFromNothingFails) {
+  CertificateMemoryStore store;
+  Chain chain;
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(x509BuildPath(store, chain, nullptr));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_TRUE(chain.empty());
+}
+
+GeneralName generalName(int type, const std::string& data) {
+  GeneralName n;
+  n.type = static_cast<std::uint8_t>(type);
+  n.data.assign(data.begin(), data.end());
+  return n;
+}
+
+TEST(X509Path, MatchNameConstraintTable) {
+  for (const auto& row : table()["nameConstraints"]) {
+    SCOPED_TRACE(row.dump());
+    EXPECT_EQ(matchNameConstraint(generalName(row[0], row[1]), generalName(row[2], row[3])),
+              row[4].get<bool>());
+  }
+}
+
+// A host match lets validation of a lone, unanchored certificate reach the anchor step (6);
+// a miss stops it at the name check (2).
+TEST(X509Path, HostMatchingTable) {
+  for (const auto& row : table()["hosts"]) {
+    SCOPED_TRACE(row.dump());
+    auto cert = std::make_shared<X509Certificate>();
+    if (row[0] == "cn") {
+      cert->subject.CN = row[1];
+    } else {
+      cert->subject.CN = "unrelated";
+      cert->subjectAltNames.push_back(generalName(GeneralName::dNSName, row[1]));
+    }
+    CertificateMemoryStore store;
+    std::string error;
+    EXPECT_EQ(x509ValidatePath({cert}, store, TimePoint(), row[2].get<std::string>(), ol::IPAddr6(), "",
+                               false, &error),
+              row[3].get<bool>() ? pathNoAnchor : pathNameMismatch);
+  }
+}
+
+// Wycheproof PKCS#1 v1.5 cases through verifySignature: the message stands in for the signed
+// object's to-be-signed bytes. Cases whose verdict differs from the file's are listed by id in
+// the table's "wycheproof" section with the reason, and so is our verdict on each
+// "acceptable" case.
+TEST(X509Path, WycheproofRsaSignatures) {
+  for (const auto& [file, info] : table()["wycheproof"].items()) {
+    SCOPED_TRACE(file);
+    LOAD_VECTORS(vectors, "wycheproof/" + file);
+    const Bytes sigAlg = test::fromHex(info["sigAlg"].get<std::string>());
+    std::set<std::string> differs, listed;
+    nlohmann::json acceptable = nlohmann::json::object();
+    const int count =
+        test::forEachWycheproofTest(vectors, [&](const nlohmann::json& group, const nlohmann::json& c) {
+          X509Base object;
+          object.tbs = *test::field(c, "msg");
+          object.sigAlg = sigAlg;
+          object.signature = *test::field(c, "sig");
+          const Bytes key = *test::field(group, "publicKeyDer");
+          PathRes res;
+          testing::internal::CaptureStdout();  // the DigestInfo reader names what it rejects
+          const bool ok = verifySignature(&object, asn1::blob(key), &res);
+          testing::internal::GetCapturedStdout();
+          EXPECT_EQ(res.code, unsigned{pathBadSignature});
+          const std::string id = std::to_string(c["tcId"].get<int>());
+          if (c["result"] == "acceptable") {
+            acceptable[id] = ok;
+          } else if (ok != (c["result"] == "valid")) {
+            differs.insert(id);
+          }
+        });
+    for (const auto& [id, reason] : info["differs"].items()) listed.insert(id);
+    EXPECT_GT(count, 200);
+    EXPECT_EQ(differs, listed);
+    EXPECT_EQ(acceptable, info["acceptable"]);
+  }
+}
+
+// With e = 3, bytes the verifier skips inside the DigestInfo give a forger room to take a plain
+// cube root (made by gen_rsa_forgery.py); the genuine signature of the same key must still pass.
+TEST(X509Path, RsaForgeryWithSkippedBytesFails) {
+  const nlohmann::json v = test::dataFile("chains/forgery-e3.json");
+  const Bytes key = test::fromHex(v["publicKeyDer"].get<std::string>());
+  for (const char* sig : {"genuine", "forged"}) {
+    SCOPED_TRACE(sig);
+    X509Base object;
+    object.tbs = test::fromHex(v["msg"].get<std::string>());
+    object.sigAlg = test::fromHex("300d06092a864886f70d01010b0500");  // sha256WithRSAEncryption
+    object.signature = test::fromHex(v[sig].get<std::string>());
+    PathRes res;
+    testing::internal::CaptureStdout();
+    const bool ok = verifySignature(&object, asn1::blob(key), &res);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(ok, std::string(sig) == "genuine");
+  }
+}
+
+}  // namespace
+}  // namespace tessel
