@@ -78,7 +78,7 @@ class message {
   }
   // set stores `v` as field `f.id`, replacing any value of whatever kind it held.
   template <class T>
-  void set(field_id<T> f, T v) {
+  void set(field_id<T> f, std::type_identity_t<T> v) {
     fields_.insert_or_assign(f.id, value(std::in_place_type<T>, std::move(v)));
   }
   // erase removes field `id` whatever its kind; erasing an absent field does nothing.
