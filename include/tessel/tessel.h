@@ -12,6 +12,7 @@
 #include "tessel/blob.h"
 #include "tessel/block.h"
 #include "tessel/cbc.h"
+#include "tessel/cert_store.h"
 #include "tessel/cipher.h"
 #include "tessel/cmac.h"
 #include "tessel/cpu.h"
@@ -40,3 +41,4 @@
 #include "tessel/timepoint.h"
 #include "tessel/x25519.h"
 #include "tessel/x509.h"
+#include "tessel/x509_path.h"

@@ -1,0 +1,171 @@
+// CertificateMemoryStore loads (PEM text, directories, Debian's CA set) and lookups, and the
+// validation of a real site's chain against that CA set.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "support.h"
+#include "tessel/cert_store.h"
+#include "tessel/pem.h"
+#include "tessel/x509_path.h"
+
+namespace tessel {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Bytes;
+using test::readFixture;
+const char* const kMozillaRoots = "/usr/share/ca-certificates/mozilla";
+
+std::string fixtureText(const std::string& path) {
+  const Bytes b = readFixture(path);
+  return std::string(b.begin(), b.end());
+}
+
+class StoreDir : public testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tessel-store.XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+  void put(const std::string& name, const std::string& text) { std::ofstream(dir_ + "/" + name) << text; }
+  std::string dir_;
+};
+
+TEST(CertStore, LoadFromStrAppendsTheWholeChainOrFails) {
+  CertificateMemoryStore store;
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(store.loadFromStr("no certificate here"));
+  EXPECT_FALSE(store.loadFromStr(fixtureText("certs/crl.pem")));
+  testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(store.certificates.empty());
+
+  const std::string chain = fixtureText("certs/chain.pem");
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(store.loadFromStr(chain));
+  ASSERT_TRUE(store.loadFromStr(chain));  // duplicates are kept
+  testing::internal::GetCapturedStdout();
+  const auto expected = readCertChain(chain);
+  ASSERT_EQ(store.certificates.size(), 2 * expected.size());
+  for (size_t i = 0; i < store.certificates.size(); ++i)
+    EXPECT_EQ(store.certificates[i]->serialize(), expected[i % expected.size()]->serialize());
+}
+
+TEST_F(StoreDir, LoadFromDirTakesCertificatesFirstAndCrlsOnlyWhenAsked) {
+  put("leaf.pem", fixtureText("certs/leaf.pem"));
+  put("list.crl", fixtureText("certs/crl.pem"));
+  put("junk.txt", "neither");
+  fs::create_directory(dir_ + "/sub");
+
+  CertificateMemoryStore without, with;
+  ASSERT_TRUE(without.loadFromDir(dir_, false));
+  EXPECT_EQ(without.certificates.size(), 1u);
+  EXPECT_TRUE(without.crls.empty());
+  ASSERT_TRUE(with.loadFromDir(dir_, true));
+  EXPECT_EQ(with.certificates.size(), 1u);
+  EXPECT_EQ(with.crls.size(), 1u);
+
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(with.loadFromDir(dir_ + "/missing", true));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[ERR] opendir: No such file or directory\n");
+  EXPECT_EQ(with.certificates.size(), 1u);
+}
+
+TEST(CertStore, FindIssuerMatchesNameAndKeyIdentifier) {
+  CertificateMemoryStore store;
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(store.loadFromStr(fixtureText("certs/chain.pem")));
+  testing::internal::GetCapturedStdout();
+  const auto& leaf = *store.certificates.front();
+  const auto issuer = store.findIssuer(leaf.issuer, asn1::blob(leaf.authorityKeyId));
+  ASSERT_TRUE(issuer);
+  EXPECT_TRUE(issuer->subject == leaf.issuer);
+  EXPECT_EQ(issuer->subjectKeyId, leaf.authorityKeyId);
+
+  const Bytes otherKeyId(leaf.authorityKeyId.size(), 0x5A);
+  EXPECT_FALSE(store.findIssuer(leaf.issuer, asn1::blob(otherKeyId)));
+  EXPECT_EQ(store.findIssuer(leaf.issuer, asn1::blob()), issuer);  // no identifier: name alone
+  DistinguishedName stranger;
+  stranger.CN = "nobody";
+  EXPECT_FALSE(store.findIssuer(stranger, asn1::blob()));
+}
+
+TEST(CertStore, FindCrlPrefersTheNewestListOfTheIssuer) {
+  CertificateMemoryStore store;
+  auto older = readCrl(fixtureText("certs/crl.pem"));
+  auto newer = readCrl(fixtureText("certs/crl.pem"));
+  ASSERT_TRUE(older && newer);
+  newer->thisUpdate = TimePoint::fromSeconds(older->thisUpdate.seconds() + 1);
+  store.crls.push_back(std::move(older));
+  store.crls.push_back(std::move(newer));
+  X509Certificate cert;
+  cert.issuer = store.crls[0]->issuer;
+  EXPECT_EQ(store.findCrl(cert), store.crls[1]);
+  cert.issuer.CN += "x";
+  EXPECT_FALSE(store.findCrl(cert));
+}
+
+// Every root of Debian's CA set loads, and each one's self-signature verifies with its own key.
+TEST(CertStore, DebianCaSetLoadsAndEveryRootSelfVerifies) {
+  if (!fs::is_directory(kMozillaRoots)) GTEST_SKIP() << "ca-certificates is not installed";
+  size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(kMozillaRoots)) files += entry.is_regular_file();
+  CertificateMemoryStore store;
+  testing::internal::CaptureStdout();  // the roots' unknown extensions are reported
+  ASSERT_TRUE(store.loadFromDir(kMozillaRoots, true));
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(store.certificates.size(), files);
+  EXPECT_TRUE(store.crls.empty());
+  for (const auto& root : store.certificates) {
+    PathRes res;
+    EXPECT_TRUE(verifySignature(root.get(), asn1::blob(root->publicKeyInfo), &res)) << root->subject.str();
+    EXPECT_EQ(res.code, pathBadSignature);  // left in place on success
+  }
+}
+
+// A real site's chain (leaf and Let's Encrypt R3, as the server sent them) against Debian's
+// roots, at a time inside and after the leaf's validity. OpenSSL gives the same verdicts.
+TEST(CertStore, RealSiteChainValidatesAgainstDebianRoots) {
+  if (!fs::is_directory(kMozillaRoots)) GTEST_SKIP() << "ca-certificates is not installed";
+  CertificateMemoryStore store;
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(store.loadFromDir(kMozillaRoots, false));
+  testing::internal::GetCapturedStdout();
+  testing::internal::CaptureStdout();
+  auto chain = readCertChain(fixtureText("site/chain.pem"));
+  ASSERT_EQ(chain.size(), 2u);
+  ASSERT_TRUE(x509BuildPath(store, chain, nullptr));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
+  ASSERT_EQ(chain.size(), 3u);
+  EXPECT_EQ(chain[2]->subject.CN, "ISRG Root X1");
+
+  const TimePoint inside = TimePoint::fromSeconds(1680307200);  // 2023-04-01
+  const TimePoint after = TimePoint::fromSeconds(1767225600);   // 2026-01-01
+  std::string error;
+  EXPECT_EQ(x509ValidatePath(chain, store, inside, "certauth.cryptomix.com", {}, "", false, &error), 0u) << error;
+  EXPECT_EQ(x509ValidatePath(chain, store, inside, "CertAuth.CryptoMix.com", {}, "", false, &error), 0u) << error;
+  EXPECT_EQ(x509ValidatePath(chain, store, inside, "www.cryptomix.com", {}, "", false, &error), pathNameMismatch);
+  EXPECT_EQ(error, "name verification failed for: \"CN=certauth.cryptomix.com\"");
+  EXPECT_EQ(x509ValidatePath(chain, store, after, "", {}, "", false, &error), pathExpired);
+  EXPECT_EQ(error, "cert not valid (after: Tue Jun  6 02:07:23 2023 < now: Thu Jan  1 00:00:00 2026) - "
+                   "\"CN=certauth.cryptomix.com\"");
+  // The validator sees only what the peer sent: without the intermediate no anchor is reached.
+  EXPECT_EQ(x509ValidatePath({chain[0]}, store, inside, "", {}, "", false, &error), pathNoAnchor);
+
+  if (std::system("openssl version >/dev/null 2>&1") != 0) return;
+  const std::string base = std::string("openssl verify -CApath /etc/ssl/certs -untrusted ") + TESSEL_SOURCE_DIR +
+                           "/tests/data/site/chain.pem -verify_hostname certauth.cryptomix.com ";
+  const std::string leaf = std::string(" <(openssl x509 -in ") + TESSEL_SOURCE_DIR + "/tests/data/site/chain.pem)";
+  auto openssl = [&](const char* at) {
+    return std::system(("bash -c '" + base + "-attime " + at + leaf + "' >/dev/null 2>&1").c_str());
+  };
+  EXPECT_EQ(openssl("1680307200"), 0);
+  EXPECT_NE(openssl("1767225600"), 0);
+}
+
+}  // namespace
+}  // namespace tessel
