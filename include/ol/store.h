@@ -7,9 +7,9 @@
 // On-disk format. A store named N lives in the folder rootPath("/rw/store/" + N) (a '/' in N
 // makes subfolders). Every entry is one file named by its id as exactly eight lower-case hex
 // digits ("0000002a"); the state word is the file "state", encoded like an entry with id
-// 0xFFFFFFFF whose message holds the word as u32 field 0. Any other name in the folder (the
-// temporary files of unfinished writes, "<hex id>.<pid>.tmp", and subfolders of other stores)
-// is ignored. An entry file is
+// 0xFFFFFFFF whose message holds the word as u32 field 0 (no file: the word is 0xFFFFFFFF).
+// Any other name in the folder (the temporary files of unfinished writes, "<file>.<pid>.tmp",
+// and the subfolders of other stores) is ignored. An entry file is
 //
 //   offset 0   4 bytes   magic "olm1"
 //   offset 4   u32       entry id (must match the file name)
@@ -20,7 +20,8 @@
 // and nothing after. All integers are little-endian. A field is u32 id, u8 kind, u32 length
 // and `length` value bytes; the kinds are 1 bool (one byte, 0 or 1), 2 u32 (four bytes),
 // 3 raw (any bytes), 4 string (any bytes) and 5 string array (a sequence of u32 length +
-// bytes items filling the value exactly). Any other form is corrupt.
+// bytes items filling the value exactly). Any other form is corrupt. Lengths are 32-bit: a
+// longer field is a programming error and aborts.
 //
 // Writes are atomic: the new file is written beside the old one under a temporary name,
 // flushed to disk, renamed over the old one and the folder flushed, so a crash leaves the old

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "ol/file.h"
+#include "tessel/assert.h"
 
 namespace ol {
 
@@ -44,6 +45,7 @@ void putU32(std::vector<unsigned char>& out, std::uint32_t v) {
 }
 
 void putBytes(std::vector<unsigned char>& out, std::span<const unsigned char> b) {
+  TESSEL_ASSERT(static_cast<std::uint64_t>(b.size()) <= 0xFFFFFFFFu);
   putU32(out, static_cast<std::uint32_t>(b.size()));
   out.insert(out.end(), b.begin(), b.end());
 }
