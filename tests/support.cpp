@@ -148,6 +148,26 @@ FakeProcCrypto::~FakeProcCrypto() {
   std::filesystem::remove_all(dir_, ignored);
 }
 
+TempRoot::TempRoot() {
+  char tmpl[] = "/tmp/tessel-root.XXXXXX";
+  if (!::mkdtemp(tmpl)) ADD_FAILURE() << "mkdtemp failed";
+  dir_ = tmpl;
+  ol::setRoot(dir_);
+}
+
+TempRoot::~TempRoot() {
+  ol::setRoot("/");
+  std::error_code ignored;
+  std::filesystem::remove_all(dir_, ignored);
+}
+
+void TempRoot::write(const std::string& absolute, const Bytes& bytes) const {
+  std::filesystem::path p = path(absolute);
+  std::filesystem::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                           static_cast<std::streamsize>(bytes.size()));
+}
+
 UseCodePath::UseCodePath(const CodePath& path) { forcePortable(path.portable); }
 UseCodePath::~UseCodePath() { forcePortable(false); }
 

@@ -138,6 +138,23 @@ class FakeProcCrypto {
   std::string dir_;
 };
 
+// TempRoot points the platform root (ol/file.h) at a fresh temporary folder for its lifetime;
+// the destructor restores the real root and deletes the folder.
+class TempRoot {
+ public:
+  TempRoot();
+  ~TempRoot();
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+  // path returns where the absolute system path `absolute` lives under this root.
+  std::string path(const std::string& absolute) const { return dir_ + absolute; }
+  // write creates the file at system path `absolute` (and its folders) holding `bytes`.
+  void write(const std::string& absolute, const Bytes& bytes) const;
+
+ private:
+  std::string dir_;
+};
+
 // Deterministic randomness for property tests, so a failure can be replayed from its seed.
 class TestRng {
  public:

@@ -4,6 +4,7 @@
 #include "ol/base64.h"
 #include "ol/file.h"
 #include "ol/ipaddr.h"
+#include "ol/store.h"
 #include "tessel/algorithm_id.h"
 #include "tessel/asn1.h"
 #include "tessel/assert.h"
