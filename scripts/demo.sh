@@ -11,3 +11,13 @@ echo "== the same files through sha256sum, for comparison"
 sha256sum examples/*.txt
 echo "== tessel dump examples/leaf.pem"
 build/release/tessel dump examples/leaf.pem
+roots=/usr/share/ca-certificates/mozilla
+echo "== tessel verify examples/site-chain.pem (a real site's chain, as of 2023-04-01, against Debian's ISRG root)"
+build/release/tessel verify examples/site-chain.pem --ca "$roots/ISRG_Root_X1.crt" \
+  --host certauth.cryptomix.com --time 2023-04-01
+echo "== tessel verify examples/broken-chain.pem (the same chain with one signature bit flipped)"
+if build/release/tessel verify examples/broken-chain.pem --ca "$roots/ISRG_Root_X1.crt" \
+  --host certauth.cryptomix.com --time 2023-04-01; then
+  echo "unexpected: the broken chain validated" >&2
+  exit 1
+fi

@@ -136,7 +136,7 @@ TEST(CertStore, RealSiteChainValidatesAgainstDebianRoots) {
   ASSERT_TRUE(store.loadFromDir(kMozillaRoots, false));
   testing::internal::GetCapturedStdout();
   testing::internal::CaptureStdout();
-  auto chain = readCertChain(fixtureText("site/chain.pem"));
+  auto chain = readCertChain(fixtureText("../../examples/site-chain.pem"));
   ASSERT_EQ(chain.size(), 2u);
   ASSERT_TRUE(x509BuildPath(store, chain, nullptr));
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
@@ -158,8 +158,8 @@ TEST(CertStore, RealSiteChainValidatesAgainstDebianRoots) {
 
   if (std::system("openssl version >/dev/null 2>&1") != 0) return;
   const std::string base = std::string("openssl verify -CApath /etc/ssl/certs -untrusted ") + TESSEL_SOURCE_DIR +
-                           "/tests/data/site/chain.pem -verify_hostname certauth.cryptomix.com ";
-  const std::string leaf = std::string(" <(openssl x509 -in ") + TESSEL_SOURCE_DIR + "/tests/data/site/chain.pem)";
+                           "/examples/site-chain.pem -verify_hostname certauth.cryptomix.com ";
+  const std::string leaf = std::string(" <(openssl x509 -in ") + TESSEL_SOURCE_DIR + "/examples/site-chain.pem)";
   auto openssl = [&](const char* at) {
     return std::system(("bash -c '" + base + "-attime " + at + leaf + "' >/dev/null 2>&1").c_str());
   };

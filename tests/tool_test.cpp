@@ -1,8 +1,11 @@
 // The example program, run as a host would run it.
 #include <cstdio>
+#include <fstream>
 #include <string>
 
+#include "ol/store.h"
 #include "support.h"
+#include "tessel/pem.h"
 
 namespace {
 
@@ -80,6 +83,55 @@ TEST(Tool, DumpPrintsCertificatesCrlsRequestsAndKeys) {
   EXPECT_TRUE(run(tool + " dump " + fixture("keys/rsa1024.pub.pem")).first.starts_with("[RSA-PUBLIC]\n"));
   EXPECT_EQ(run(tool + " dump /nonexistent 2>/dev/null").second, 1);
   EXPECT_EQ(run(tool + " dump 2>/dev/null").second, 2);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Tool, VerifyValidatesTheExampleChainAndRejectsTheBrokenOne) {
+  const std::string tool = TESSEL_TOOL_PATH;
+  if (tool.empty()) GTEST_SKIP() << "built without the example program";
+  const std::string root = "/usr/share/ca-certificates/mozilla/ISRG_Root_X1.crt";
+  if (!std::ifstream(root)) GTEST_SKIP() << "ca-certificates is not installed";
+  const std::string examples = std::string(TESSEL_SOURCE_DIR) + "/examples/";
+  const std::string args = " --ca " + root + " --host certauth.cryptomix.com --time 2023-04-01";
+  auto [good, goodStatus] = run(tool + " verify " + examples + "site-chain.pem" + args);
+  EXPECT_EQ(goodStatus, 0);
+  EXPECT_TRUE(good.ends_with("\ncode 0: chain valid\n")) << good;
+  auto [bad, badStatus] = run(tool + " verify " + examples + "broken-chain.pem" + args);
+  EXPECT_EQ(badStatus, 1);
+  EXPECT_TRUE(bad.ends_with("\ncode 9: cert signature is invalid for: \"CN=certauth.cryptomix.com\"\n")) << bad;
+  auto [late, lateStatus] = run(tool + " verify " + examples + "site-chain.pem --ca " + root + " --time 1686017244");
+  EXPECT_EQ(lateStatus, 1);
+  EXPECT_TRUE(late.ends_with("\ncode 5: cert not valid (after: Tue Jun  6 02:07:23 2023 < now: Tue Jun  6 02:07:24 "
+                             "2023) - \"CN=certauth.cryptomix.com\"\n")) << late;
+  auto [noStore, noStoreStatus] = run(tool + " verify " + examples + "site-chain.pem --time 2023-04-01");
+  EXPECT_EQ(noStoreStatus, 1);
+  EXPECT_TRUE(noStore.ends_with("\ncode 6: no certificate of the chain is held by the store\n")) << noStore;
+  EXPECT_EQ(run(tool + " verify " + examples + "site-chain.pem --time yesterday 2>/dev/null").second, 2);
+
+  // The same anchor from a certificate-manager store instead of a file.
+  {
+    tessel::test::TempRoot cerm;
+    auto anchor = tessel::readCertFromStr(readText(root));
+    ASSERT_TRUE(anchor);
+    ol::message entry;
+    entry.set(ol::bool_id{0x0C}, true);
+    entry.set(ol::u32_id{0x2D}, 0x4u);
+    entry.set(ol::raw_id{0x0B}, anchor->serialize());
+    ASSERT_TRUE(ol::Store("cerm").put(7, entry));
+    ol::message settings;
+    settings.set(ol::u32_id{7}, 0u);  // no built-in anchors
+    ASSERT_TRUE(ol::Store("cert/settings").put(0, settings));
+    const std::string cermArgs = " --cerm " + cerm.path("") + " --host certauth.cryptomix.com --time 2023-04-01";
+    auto [fromCerm, cermStatus] = run(tool + " verify " + examples + "site-chain.pem" + cermArgs + " --mask 4");
+    EXPECT_EQ(cermStatus, 0) << fromCerm;
+    auto [otherUse, otherStatus] = run(tool + " verify " + examples + "site-chain.pem" + cermArgs + " --mask 2");
+    EXPECT_EQ(otherStatus, 1);
+    EXPECT_TRUE(otherUse.ends_with("\ncode 6: no certificate of the chain is held by the store\n")) << otherUse;
+  }
+  EXPECT_EQ(run(tool + " verify 2>/dev/null").second, 2);
 }
 
 }  // namespace

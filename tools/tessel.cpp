@@ -5,8 +5,18 @@
 //   tessel dump FILE [--password PW]
 //                                print the dump of a certificate, chain, CRL, request or key
 //                                (PEM or DER)
+//   tessel verify CHAIN [--ca DIR|FILE]... [--cerm ROOT [--mask M] [--all]] [--host NAME]
+//                 [--ip ADDR] [--email ADDR] [--time T] [--crl-check]
+//                                complete CHAIN (PEM or DER, leaf first) from the store and
+//                                validate it; prints the result code and reason, exits 0 only
+//                                for a valid chain. T is seconds since 1970 or a UTC date
+//                                "YYYY-MM-DD[THH:MM:SS]"; the default is the current time.
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -128,12 +138,132 @@ int cmdDump(int argc, char** argv) {
   return 0;
 }
 
+// parseTime reads seconds since 1970 or a UTC date "YYYY-MM-DD" with an optional "THH:MM:SS".
+bool parseTime(std::string_view text, tessel::TimePoint* out) {
+  const std::string s(text);
+  char* end = nullptr;
+  const long long seconds = std::strtoll(s.c_str(), &end, 10);
+  if (!s.empty() && *end == '\0') {
+    *out = tessel::TimePoint::fromSeconds(seconds);
+    return true;
+  }
+  std::tm tm{};
+  int used = 0;
+  if (std::sscanf(s.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &used) != 3) return false;
+  if (s[used] == 'T' && std::sscanf(s.c_str() + used, "T%2d:%2d:%2d%n", &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &used) == 3) {
+    used += 10;
+  }
+  if (static_cast<size_t>(used) != s.size()) return false;
+  tm.tm_year -= 1900;
+  tm.tm_mon -= 1;
+  *out = tessel::TimePoint::fromSeconds(timegm(&tm));
+  return true;
+}
+
+// reasonOf names the codes that carry no reason text of their own.
+const char* reasonOf(unsigned code) {
+  switch (code) {
+    case tessel::pathValid: return "chain valid";
+    case tessel::pathEmpty: return "empty chain";
+    case tessel::pathNotCa: return "a certificate above the first is not a CA";
+    case tessel::pathNoAnchor: return "no certificate of the chain is held by the store";
+    default: return "";
+  }
+}
+
+// addToStore loads a directory of certificates and CRLs, or a PEM file of certificates.
+bool addToStore(tessel::CertificateMemoryStore& store, const char* path) {
+  struct stat st{};
+  if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return store.loadFromDir(path, true);
+  std::string text;
+  if (!ol::readFile(text, path)) return false;
+  const bool certs = store.loadFromStr(text);
+  if (auto crl = tessel::readCrl(text)) {
+    store.crls.push_back(std::move(crl));
+    return true;
+  }
+  return certs;
+}
+
+struct VerifyOptions {
+  const char* chain = nullptr;
+  std::vector<const char*> cas;
+  const char* cermRoot = nullptr;
+  unsigned mask = 0xFFFFFFFF;
+  bool all = false, crlCheck = false;
+  std::string host, email;
+  ol::IPAddr6 ip;
+  tessel::TimePoint now = tessel::TimePoint::now();
+};
+
+bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
+  for (int i = 2; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    bool ok = true;
+    if (arg == "--all") o->all = true;
+    else if (arg == "--crl-check") o->crlCheck = true;
+    else if (arg.starts_with("--") && value == nullptr) return false;
+    else if (arg == "--ca") o->cas.push_back(argv[++i]);
+    else if (arg == "--cerm") o->cermRoot = argv[++i];
+    else if (arg == "--mask") o->mask = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 0));
+    else if (arg == "--host") o->host = argv[++i];
+    else if (arg == "--email") o->email = argv[++i];
+    else if (arg == "--ip") ok = o->ip.parse(argv[++i]);
+    else if (arg == "--time") ok = parseTime(argv[++i], &o->now);
+    else if (o->chain == nullptr && !arg.starts_with("--")) o->chain = argv[i];
+    else return false;
+    if (!ok) {
+      std::cerr << "tessel: bad value for " << arg << ": " << argv[i] << "\n";
+      return false;
+    }
+  }
+  return o->chain != nullptr;
+}
+
+int cmdVerify(int argc, char** argv) {
+  using namespace tessel;
+  VerifyOptions o;
+  if (!parseVerifyOptions(argc, argv, &o)) {
+    std::cerr << "usage: tessel verify CHAIN [--ca DIR|FILE]... [--cerm ROOT [--mask M] [--all]]\n"
+                 "                    [--host NAME] [--ip ADDR] [--email ADDR] [--time T] [--crl-check]\n";
+    return 2;
+  }
+  CertificateMemoryStore store;
+  for (const char* ca : o.cas) {
+    if (!addToStore(store, ca)) {
+      std::cerr << "tessel: " << ca << ": no certificates\n";
+      return 2;
+    }
+  }
+  if (o.cermRoot != nullptr) {
+    ol::setRoot(o.cermRoot);
+    store.loadFromCerm(o.mask, o.all);
+  }
+  std::string text;
+  if (!ol::readFile(text, o.chain)) {
+    std::cerr << "tessel: " << o.chain << ": cannot read\n";
+    return 2;
+  }
+  auto chain = readCertChain(text);
+  if (chain.empty()) {
+    if (auto cert = readCertFromStr(text)) chain.push_back(std::move(cert));
+  }
+  if (!chain.empty()) x509BuildPath(store, chain, nullptr);
+  std::string reason;
+  const unsigned code = x509ValidatePath(chain, store, o.now, o.host, o.ip, o.email, o.crlCheck, &reason);
+  std::cout << "code " << code << ": " << (reason.empty() ? reasonOf(code) : reason) << "\n";
+  return code == pathValid ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string_view cmd = argc > 1 ? argv[1] : "";
   if (cmd == "digest") return cmdDigest(argc, argv);
   if (cmd == "dump") return cmdDump(argc, argv);
-  std::cerr << "usage: tessel digest ALGO FILE...\n       tessel dump FILE [--password PW]\n";
+  if (cmd == "verify") return cmdVerify(argc, argv);
+  std::cerr << "usage: tessel digest ALGO FILE...\n       tessel dump FILE [--password PW]\n"
+               "       tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS]\n";
   return 2;
 }
