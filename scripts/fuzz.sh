@@ -9,7 +9,7 @@ name=$1 seconds=${2:-600}
 scripts/setup.sh
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DTESSEL_SANITIZE=ON -DTESSEL_FUZZ=ON -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF >/dev/null
-cmake --build build/fuzz --target "${name}_fuzz"
+cmake --build build/fuzz --target "${name}_fuzz" -j "$(nproc)"
 mkdir -p "fuzz/out/$name"
 build/fuzz/"${name}_fuzz" -max_total_time="$seconds" -artifact_prefix=fuzz/out/ -print_final_stats=1 \
   "fuzz/out/$name" "fuzz/corpus/$name"
