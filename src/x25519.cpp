@@ -15,7 +15,6 @@ bool scalarMult(unsigned char out[32], const unsigned char scalar[32], const uns
   k[31] |= 64;
 
   const Fe x1 = fromBytes(u);
-  const Fe a24 = fromSmall(121665);
   Fe x2 = one(), z2 = zero(), x3 = x1, z3 = one();
   std::uint32_t swap = 0;
   for (int t = 254; t >= 0; --t) {
@@ -33,7 +32,7 @@ bool scalarMult(unsigned char out[32], const unsigned char scalar[32], const uns
     x3 = sqr(add(da, cb));
     z3 = mul(x1, sqr(sub(da, cb)));
     x2 = mul(aa, bb);
-    z2 = mul(e, add(aa, mul(a24, e)));
+    z2 = mul(e, add(aa, mulSmall(e, 121665)));
   }
   cswap(x2, x3, swap);
   cswap(z2, z3, swap);

@@ -36,7 +36,7 @@ class Edwards25519 {
   Edwards25519 scalarMult(const unsigned char scalar[32]) const;
 
  private:
-  std::int64_t x_[16], y_[16], z_[16], t_[16];
+  std::int32_t x_[10], y_[10], z_[10], t_[10];  // field elements in the library's limb form
   friend struct EdwardsAccess;
 };
 
