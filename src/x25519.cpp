@@ -1,6 +1,7 @@
 // X25519 with the Montgomery ladder of RFC 7748 section 5.
 #include "tessel/x25519.h"
 
+#include "edwards25519.h"
 #include "fe25519.h"
 
 namespace tessel::x25519 {
@@ -45,8 +46,15 @@ bool scalarMult(unsigned char out[32], const unsigned char scalar[32], const uns
 }
 
 void publicKey(unsigned char out[32], const unsigned char privateKey[32]) {
-  static const unsigned char base[32] = {9};
-  scalarMult(out, privateKey, base);
+  // The same value as the ladder from u = 9, from the Edwards base-point table in a quarter of
+  // the time.
+  unsigned char k[32];
+  for (int i = 0; i < 32; ++i) k[i] = privateKey[i];
+  k[0] &= 248;
+  k[31] &= 127;
+  k[31] |= 64;
+  edwards25519::baseMultU(out, k);
+  for (auto& b : k) b = 0;
 }
 
 }  // namespace tessel::x25519
