@@ -384,6 +384,8 @@ bool lessThanOrder_vartime(const unsigned char s[32]) {
 
 }  // namespace
 
+static_assert(sizeof(Fe) == sizeof(std::uint64_t[5]), "Edwards25519 stores field elements as they are");
+
 struct EdwardsAccess {
   static Point get(const Edwards25519& e) {
     Point p;
@@ -403,7 +405,13 @@ struct EdwardsAccess {
   }
 };
 
-Edwards25519::Edwards25519() : x_{}, y_{1}, z_{1}, t_{} {}
+Edwards25519::Edwards25519() {
+  const Point n = neutral();
+  std::memcpy(x_, n.x.v, sizeof x_);
+  std::memcpy(y_, n.y.v, sizeof y_);
+  std::memcpy(z_, n.z.v, sizeof z_);
+  std::memcpy(t_, n.t.v, sizeof t_);
+}
 
 const Edwards25519& Edwards25519::base() {
   static const Edwards25519 b = EdwardsAccess::make(constants().base);
