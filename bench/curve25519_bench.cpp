@@ -1,4 +1,4 @@
-// X25519, Ed25519, ECDSA (P-256, P-384) and ML-KEM-768 per second, tessel beside OpenSSL in the same run.
+// X25519, Ed25519 (and their key generation), ECDSA (P-256, P-384) and ML-KEM-768 per second, tessel beside OpenSSL in the same run.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -94,6 +94,33 @@ void opensslEd25519(benchmark::State& state) {
   rate(state);
 }
 
+// Key generation: the public key from a 32-byte private key; range(0) 0 for X25519, 1 for Ed25519.
+void tesselKeygen(benchmark::State& state) {
+  unsigned char pub[32];
+  for (auto _ : state) {
+    if (state.range(0)) {
+      tessel::eddsa::publicKeyFromSeed(pub, kSeed);
+    } else {
+      tessel::x25519::publicKey(pub, kSeed);
+    }
+    benchmark::DoNotOptimize(pub);
+  }
+  rate(state);
+}
+
+void opensslKeygen(benchmark::State& state) {
+  const int type = state.range(0) ? EVP_PKEY_ED25519 : EVP_PKEY_X25519;
+  unsigned char pub[32];
+  for (auto _ : state) {
+    EVP_PKEY* key = EVP_PKEY_new_raw_private_key(type, nullptr, kSeed, 32);
+    std::size_t len = 32;
+    EVP_PKEY_get_raw_public_key(key, pub, &len);
+    EVP_PKEY_free(key);
+    benchmark::DoNotOptimize(pub);
+  }
+  rate(state);
+}
+
 // ECDSA: range(0) is the curve (256 or 384), range(1) 0 for sign, 1 for verify. The digest has
 // the curve's size (SHA-256 or SHA-384).
 tessel::EcPrivateKey ecKey(long bits) {
@@ -169,6 +196,8 @@ BENCHMARK(tesselX25519)->Name("x25519/tessel")->Unit(benchmark::kMicrosecond);
 BENCHMARK(opensslX25519)->Name("x25519/openssl")->Unit(benchmark::kMicrosecond);
 BENCHMARK(tesselEd25519)->Name("ed25519/tessel")->ArgName("verify")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 BENCHMARK(opensslEd25519)->Name("ed25519/openssl")->ArgName("verify")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(tesselKeygen)->Name("keygen25519/tessel")->ArgName("ed25519")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(opensslKeygen)->Name("keygen25519/openssl")->ArgName("ed25519")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 BENCHMARK(tesselEcdsa)->Name("ecdsa/tessel")->ArgNames({"curve", "verify"})->ArgsProduct({{256, 384}, {0, 1}})->Unit(benchmark::kMicrosecond);
 BENCHMARK(opensslEcdsa)->Name("ecdsa/openssl")->ArgNames({"curve", "verify"})->ArgsProduct({{256, 384}, {0, 1}})->Unit(benchmark::kMicrosecond);
 

@@ -20,6 +20,7 @@ const Oid kRsaEncryption = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01
 const Oid kEcPublicKey = {0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01};
 const Oid kEd25519 = {0x2B, 0x65, 0x70};
 const Oid kX25519 = {0x2B, 0x65, 0x6E};
+const Oid kMlkem768 = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x04, 0x02};
 
 struct SignatureAlgo {
   Oid oid;
@@ -114,6 +115,7 @@ KeyType keyTypeFromOid(asn1::blob oid) {
   if (same(kEcPublicKey, oid)) return keyEc;
   if (same(kEd25519, oid)) return keyEd25519;
   if (same(kX25519, oid)) return keyX25519;
+  if (same(kMlkem768, oid)) return keyMlkem768;
   return keyRsa;  // rsaEncryption and anything unknown
 }
 
@@ -123,6 +125,7 @@ asn1::blob getKeyOid(unsigned keyType) {
     case keyEc: return asn1::blob(kEcPublicKey);
     case keyEd25519: return asn1::blob(kEd25519);
     case keyX25519: return asn1::blob(kX25519);
+    case keyMlkem768: return asn1::blob(kMlkem768);
     default: return {};
   }
 }

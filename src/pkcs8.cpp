@@ -7,6 +7,7 @@
 #include "tessel/ec_key.h"
 #include "tessel/cipher.h"
 #include "tessel/hmac.h"
+#include "tessel/mlkem_keys.h"
 #include "tessel/rng.h"
 #include "tessel/rsa.h"
 
@@ -193,6 +194,7 @@ std::shared_ptr<PublicKey> makePublicKey(KeyType type) {
     case keyRsa: return std::make_shared<RsaPublicKey>();
     case keyEd25519: return std::make_shared<Ed25519PublicKey>();
     case keyX25519: return std::make_shared<X25519PublicKey>();
+    case keyMlkem768: return std::make_shared<MLKEMPublicKey>();
     case keyEc: return std::make_shared<EcPublicKey>();
     default: return nullptr;
   }
@@ -204,6 +206,7 @@ std::shared_ptr<PrivateKey> makePrivateKey(KeyType type) {
     case keyEc: return std::make_shared<EcPrivateKey>();
     case keyEd25519: return std::make_shared<Ed25519PrivateKey>();
     case keyX25519: return std::make_shared<X25519PrivateKey>();
+    case keyMlkem768: return std::make_shared<MLKEMPrivateKey>();
     default: return nullptr;
   }
 }

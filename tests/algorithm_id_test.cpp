@@ -61,6 +61,7 @@ TEST(AlgorithmId, OidConstantsMatchTheirDottedForms) {
   }
   const std::pair<const char*, KeyType> keys[] = {{"1.2.840.113549.1.1.1", keyRsa}, {"1.2.840.10045.2.1", keyEc},
                                                   {"1.3.101.112", keyEd25519},      {"1.3.101.110", keyX25519},
+                                                  {"2.16.840.1.101.3.4.4.2", keyMlkem768},
                                                   {"1.3.101.111", keyRsa} /* X448: unknown reads as RSA */};
   for (auto [dotted, type] : keys) EXPECT_EQ(keyTypeFromOid(asn1::blob(opensslOid(dotted))), type) << dotted;
 }

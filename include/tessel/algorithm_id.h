@@ -17,6 +17,7 @@ enum KeyType : unsigned {
   keyEc = 2,       // ECDSA/ECDH over the NIST curves
   keyEd25519 = 3,
   keyX25519 = 4,
+  keyMlkem768 = 5,  // ML-KEM-768 key encapsulation (id-alg-ml-kem-768)
 };
 
 // AlgorithmIdentifier is an OID with its parameters kept as raw DER.
@@ -48,7 +49,7 @@ bool parseAlgosFromKeyInfo(asn1::blob der, KeyType* keyType, HashID* hash);
 // type of every key the appliance stored before other types existed.
 KeyType keyTypeFromOid(asn1::blob oid);
 // getKeyOid returns the public-key algorithm OID of a key type (rsaEncryption, id-ecPublicKey,
-// Ed25519, X25519); empty for any other value.
+// Ed25519, X25519, id-alg-ml-kem-768); empty for any other value.
 asn1::blob getKeyOid(unsigned keyType);
 // parse reads the content of an AlgorithmIdentifier SEQUENCE: an OID and at most one further
 // element, copied whole into params. False when the OID is missing or more elements follow.

@@ -36,7 +36,7 @@ class Edwards25519 {
   Edwards25519 scalarMult(const unsigned char scalar[32]) const;
 
  private:
-  std::int64_t x_[16], y_[16], z_[16], t_[16];
+  std::uint64_t x_[5], y_[5], z_[5], t_[5];  // field elements in the library's limb form (40 bytes)
   friend struct EdwardsAccess;
 };
 

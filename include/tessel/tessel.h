@@ -30,6 +30,7 @@
 #include "tessel/kernel.h"
 #include "tessel/keys.h"
 #include "tessel/mlkem.h"
+#include "tessel/mlkem_keys.h"
 #include "tessel/mschapv2.h"
 #include "tessel/names.h"
 #include "tessel/pem.h"
