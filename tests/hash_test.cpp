@@ -70,15 +70,6 @@ TEST(Digest, ZeroLengthUpdateLeavesEmptyDigest) {
 }
 #endif
 
-TEST(Digest, Md5Sha1IsTheConcatenation) {
-  Bytes msg = test::bytesOf("message digest");
-  MD5SHA1 pair;
-  Bytes expected = MD5().update(msg).digest();
-  Bytes sha = SHA1().update(msg).digest();
-  expected.insert(expected.end(), sha.begin(), sha.end());
-  EXPECT_EQ(pair.update(msg).digest(), expected);
-}
-
 #if TESSEL_HAVE_OPENSSL
 // Random messages around every block and padding boundary, fed in random splits, against
 // OpenSSL. A failure prints the seed and length needed to replay it.

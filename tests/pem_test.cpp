@@ -13,12 +13,8 @@ namespace {
 
 using test::Bytes;
 
-std::string text(const std::string& fixture) {
-  Bytes b = test::readFixture(fixture);
-  return std::string(b.begin(), b.end());
-}
-
-std::string path(const std::string& fixture) { return std::string(TESSEL_SOURCE_DIR) + "/tests/data/" + fixture; }
+std::string text(const std::string& fixture) { return test::fixtureText(fixture); }
+std::string path(const std::string& fixture) { return test::fixturePath(fixture); }
 
 const std::string kPassword = "tessel-fixture";
 
@@ -106,9 +102,8 @@ TEST(Pem, LegacyEncryptedRsaKeys) {
 TEST(Pem, LegacyUnknownCipher) {
   std::string pem = text("keys/rsa2048.legacy-aes128.pem");
   pem.replace(pem.find("AES-128-CBC"), 11, "AES-128-CFB");
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(readPrivateKey(pem, kPassword));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[ERR] unkown encrypted PEM type: AES-128-CFB\n");
+  EXPECT_EQ(test::said([&] { EXPECT_FALSE(readPrivateKey(pem, kPassword)); }),
+            "[ERR] unkown encrypted PEM type: AES-128-CFB\n");
   std::string_view in = pem, label, body;
   ASSERT_TRUE(parsePem(in, &label, &body));
   Bytes out;
@@ -178,65 +173,50 @@ TEST(Pem, LegacyPaddingBounds) {
 
 TEST(Pem, CertificateReaders) {
   const std::string leafPem = text("certs/leaf.pem");
-  testing::internal::CaptureStdout();
-  auto fromPem = readCertFromStr(leafPem);
-  auto fromDer = readCertFromStr(text("certs/leaf.der"));
-  auto crlAsCert = readCertFromStr(text("certs/crl.pem"));
-  auto fromFile = readCertFromFile(path("certs/leaf.der"));
-  testing::internal::GetCapturedStdout();
-  ASSERT_TRUE(fromPem && fromDer && fromFile);
-  EXPECT_EQ(fromPem->serialize(), fromDer->serialize());
-  EXPECT_FALSE(crlAsCert);
-  EXPECT_FALSE(readCertFromStr(""));
-  EXPECT_FALSE(readCertFromFile(path("certs/missing.pem")));
-
+  std::unique_ptr<X509Certificate> fromPem, fromDer, fromFile, fromCrlf;
   // CR LF line ends decode like LF.
   std::string crlf;
   for (char ch : leafPem) crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
-  testing::internal::CaptureStdout();
-  auto fromCrlf = readCertFromStr(crlf);
-  testing::internal::GetCapturedStdout();
-  ASSERT_TRUE(fromCrlf);
-  EXPECT_EQ(fromCrlf->serialize(), fromDer->serialize());
-
   // Opened as CERTIFICATE, closed as X509 CRL: still a certificate block.
   std::string mixed = leafPem;
   mixed.replace(mixed.find("-----END CERTIFICATE-----"), 25, "-----END X509 CRL-----");
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(readCertFromStr(mixed));
-  EXPECT_EQ(readCertChain(mixed).size(), 1u);
-  testing::internal::GetCapturedStdout();
+  test::said([&] {
+    fromPem = readCertFromStr(leafPem);
+    fromDer = readCertFromStr(text("certs/leaf.der"));
+    fromFile = readCertFromFile(path("certs/leaf.der"));
+    fromCrlf = readCertFromStr(crlf);
+    EXPECT_FALSE(readCertFromStr(text("certs/crl.pem")));
+    EXPECT_TRUE(readCertFromStr(mixed));
+    EXPECT_EQ(readCertChain(mixed).size(), 1u);
+  });
+  ASSERT_TRUE(fromPem && fromDer && fromFile && fromCrlf);
+  EXPECT_EQ(fromPem->serialize(), fromDer->serialize());
+  EXPECT_EQ(fromCrlf->serialize(), fromDer->serialize());
+  EXPECT_FALSE(readCertFromStr(""));
+  EXPECT_FALSE(readCertFromFile(path("certs/missing.pem")));
 }
 
 TEST(Pem, CertificateChains) {
   // chain.pem: leaf, a PRIVATE KEY block, the CA.
-  testing::internal::CaptureStdout();
-  auto chain = readCertChainFromFile(path("certs/chain.pem"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  std::vector<std::shared_ptr<X509Certificate>> chain;
+  EXPECT_EQ(test::said([&] { chain = readCertChainFromFile(path("certs/chain.pem")); }),
             "LABEL: CERTIFICATE\nunknown ext id=1.2.3.4.5, critical: 0\nLABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n");
   ASSERT_EQ(chain.size(), 2u);
   EXPECT_EQ(chain[0]->subject.CN, "host.example.com");
   EXPECT_EQ(chain[1]->subject.CN, "Tessel Test CA");
-
   // Key block before the certificate: both labels, one certificate.
-  testing::internal::CaptureStdout();
-  auto one = readCertChain(text("keys/rsa1024.pkcs8.pem") + text("certs/ca.pem"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n");
-  EXPECT_EQ(one.size(), 1u);
-
+  EXPECT_EQ(test::said([&] { EXPECT_EQ(readCertChain(text("keys/rsa1024.pkcs8.pem") + text("certs/ca.pem")).size(), 1u); }),
+            "LABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n");
   // A broken certificate block empties the whole result.
   std::string broken = text("certs/ca.pem") + text("certs/crl.pem");
   broken.replace(broken.find("BEGIN X509 CRL"), 14, "BEGIN CERTIFICATE");
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(readCertChain(broken).empty());
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
-
+  EXPECT_EQ(test::said([&] { EXPECT_TRUE(readCertChain(broken).empty()); }), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
   // No block at all: one DER certificate.
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(readCertChain(text("certs/leaf.der")).size(), 1u);
-  EXPECT_TRUE(readCertChain("").empty());
-  EXPECT_TRUE(readCertChain(text("keys/rsa1024.pkcs8.pem")).empty());
-  testing::internal::GetCapturedStdout();
+  test::said([&] {
+    EXPECT_EQ(readCertChain(text("certs/leaf.der")).size(), 1u);
+    EXPECT_TRUE(readCertChain("").empty());
+    EXPECT_TRUE(readCertChain(text("keys/rsa1024.pkcs8.pem")).empty());
+  });
 }
 
 TEST(Pem, CrlAndRequestReaders) {
@@ -246,10 +226,11 @@ TEST(Pem, CrlAndRequestReaders) {
   EXPECT_TRUE(readCrl(text("certs/crl.der")));
   EXPECT_FALSE(readCrl(text("certs/ca.pem")));
   EXPECT_FALSE(readCrl(""));
-  testing::internal::CaptureStdout();
-  auto req = readReqFromFile(path("certs/req.pem"));
-  EXPECT_FALSE(readReq(text("certs/crl.pem")));
-  testing::internal::GetCapturedStdout();
+  std::unique_ptr<X509Req> req;
+  test::said([&] {
+    req = readReqFromFile(path("certs/req.pem"));
+    EXPECT_FALSE(readReq(text("certs/crl.pem")));
+  });
   ASSERT_TRUE(req);
   EXPECT_EQ(req->challengePassword, "secret-pw");
 }
