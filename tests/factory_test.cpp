@@ -36,7 +36,7 @@ TEST(Factory, HashesAndHmacs) {
 
 const nlohmann::json& cases(const char* table) {
   static const nlohmann::json all = test::dataFile("factory_cases.json");
-  return all[table];
+  return all.at(table);
 }
 
 // One row per cipher id and key length: the object built (or none) and its block length.
@@ -109,7 +109,7 @@ TEST(Factory, AeadOnlyForCbcCiphersInSoftware) {
   }
 }
 
-std::string procCrypto(const char* name) { return cases("procCrypto")[name]; }
+std::string procCrypto(const char* name) { return cases("procCrypto").at(name); }
 
 // Which driver the factory binds, by "/proc/crypto" text, for digests and ciphers; "" is
 // software. Each list falls back to its last entry, GCM to its fixed name.

@@ -66,7 +66,8 @@ Bytes extReq(const Bytes& extensions) {
 }
 
 TEST(X509Req, AttributeRules) {
-  for (const auto& c : test::dataFile("cert_cases.json")["reqAttributes"]) {
+  const nlohmann::json file = test::dataFile("cert_cases.json");
+  for (const auto& c : file.at("reqAttributes")) {
     SCOPED_TRACE(c["what"].get<std::string>());
     const Bytes attr = c.contains("ext") ? extReq(spaced(c["ext"])) : spaced(c["attr"]);
     X509Req req;

@@ -21,7 +21,7 @@ using test::toHex;
 
 const nlohmann::json& cases(const char* table) {
   static const nlohmann::json all = test::dataFile("cert_cases.json");
-  return all[table];
+  return all.at(table);
 }
 
 // fieldsOf gives the certificate's values of the fields a case names in "expect", to compare as a whole.
