@@ -33,6 +33,8 @@ TEST(Pkcs8, PlainContainersRoundTripEveryFixture) {
     ASSERT_TRUE(priv);
     EXPECT_FALSE(pub);
     EXPECT_EQ(priv->getKeyType(), keyRsa);
+    EXPECT_EQ(dynamic_cast<RsaPrivateKey&>(*priv).n.bits(), bits);
+    EXPECT_EQ(dynamic_cast<RsaPrivateKey&>(*priv).modulusLength(), bits / 8);
     EXPECT_EQ(priv->encodeToDerEncoded(), pkcs1);
     EXPECT_EQ(encodePkcs8PrivateKey(*priv), pkcs8);
     auto publicKey = parsePkcs8PublicKey(asn1::blob(spki));

@@ -60,17 +60,7 @@ TEST(RsaPublicKey, AcceptanceRules) {
   EXPECT_FALSE(key.parseFromDerEncoded({}, {}));
 }
 
-TEST(RsaPrivateKey, FixturesRoundTripByteForByte) {
-  for (unsigned bits : kSizes) {
-    Bytes der = test::readFixture(keyPath(bits, "pkcs1.der"));
-    RsaPrivateKey key;
-    ASSERT_TRUE(key.parseFromDerEncoded(asn1::blob(der), {})) << bits;
-    EXPECT_EQ(key.n.bits(), bits);
-    EXPECT_EQ(key.modulusLength(), bits / 8);
-    EXPECT_EQ(key.encodeToDerEncoded(), der) << bits;
-    EXPECT_TRUE(key.equals(key));
-  }
-}
+// Every fixture reads and writes back byte for byte in pkcs8_test.cpp.
 
 TEST(RsaPrivateKey, StructureRules) {
   Bytes der = test::readFixture(keyPath(1024, "pkcs1.der"));
