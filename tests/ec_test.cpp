@@ -52,22 +52,15 @@ TEST(ECParams, UnknownCurvesGiveNothing) {
 
 TEST(ECPointTest, OctetStringEdgeCases) {
   const ECPoint none{};
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob()), none);
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob(fromHex("0201"))), none);
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob(fromHex("05aabb"))), none);
-  Bytes enc(65, 0);
-  enc[0] = 4;
-  enc[32] = 1;
-  enc[64] = 2;
-  const ECPoint e = ECPoint::fromOctetString(asn1::blob(enc));
-  EXPECT_EQ(e.x, BigNum(1u));
-  EXPECT_EQ(e.y, BigNum(2u));
-  // An odd remainder leaves the shorter half to x.
-  const ECPoint odd = ECPoint::fromOctetString(asn1::blob(fromHex("04aabbcc")));
-  EXPECT_EQ(odd.x, BigNum(0xaau));
-  EXPECT_EQ(odd.y, BigNum(0xbbccu));
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob(fromHex("04"))), (ECPoint{BigNum(0u), BigNum(0u)}));
-
+  // Uncompressed forms as (x, y) in hex; "" is no point, which equals (0, 0). An odd remainder leaves
+  // the shorter half to x.
+  const std::pair<std::string, std::string> forms[] = {
+      {"", ""}, {"0201", ""}, {"05aabb", ""}, {"04aabbcc", "aa,bbcc"}, {"04", ""},
+      {"04" + std::string(62, '0') + "01" + std::string(62, '0') + "02", "1,2"}};
+  for (const auto& [hex, xy] : forms) {
+    const ECPoint p = ECPoint::fromOctetString(asn1::blob(fromHex(hex)));
+    EXPECT_EQ(p == none ? "" : p.x.str() + "," + p.y.str(), xy) << hex;
+  }
   NamedCurve nc(Curve::p256);
   const Bytes full = nc.G.toBin(32, false), packed = nc.G.toBin(32, true);
   EXPECT_EQ(full.size(), 65u);
