@@ -33,37 +33,25 @@ Bytes opensslOid(const char* dotted) {
 
 // Every OID constant of ours against OpenSSL's encoding of its dotted form.
 TEST(AlgorithmId, OidConstantsMatchTheirDottedForms) {
-  const std::pair<unsigned, const char*> digests[] = {{hashMd5, "1.2.840.113549.2.5"},
-                                                      {hashSha1, "1.3.14.3.2.26"},
-                                                      {hashSha256, "2.16.840.1.101.3.4.2.1"},
-                                                      {hashSha384, "2.16.840.1.101.3.4.2.2"},
-                                                      {hashSha512, "2.16.840.1.101.3.4.2.3"}};
-  for (auto [id, dotted] : digests) {
-    EXPECT_EQ(toHex(getHashOid(id).vec()), toHex(opensslOid(dotted))) << dotted;
-    EXPECT_EQ(getHashID(asn1::blob(opensslOid(dotted))), id) << dotted;
+  const nlohmann::json file = test::dataFile("algorithm_id_cases.json");
+  for (const auto& r : file.at("digests")) {
+    const Bytes oid = opensslOid(r[1].get<std::string>().c_str());
+    EXPECT_EQ(toHex(getHashOid(r[0]).vec()), toHex(oid)) << r;
+    EXPECT_EQ(getHashID(asn1::blob(oid)), r[0].get<unsigned>()) << r;
   }
-  const std::tuple<unsigned, unsigned, const char*> signatures[] = {
-      {keyRsa, hashSha1, "1.2.840.113549.1.1.5"},     {keyRsa, hashSha256, "1.2.840.113549.1.1.11"},
-      {keyRsa, hashSha384, "1.2.840.113549.1.1.12"},  {keyRsa, hashSha512, "1.2.840.113549.1.1.13"},
-      {keyEc, hashSha1, "1.2.840.10045.4.1"},         {keyEc, hashSha256, "1.2.840.10045.4.3.2"},
-      {keyEc, hashSha384, "1.2.840.10045.4.3.3"},     {keyEc, hashSha512, "1.2.840.10045.4.3.4"},
-      {keyEd25519, hashNone, "1.3.101.112"},          {keyX25519, hashNone, "1.3.101.110"}};
-  for (auto [key, hash, dotted] : signatures) {
-    Bytes oid = opensslOid(dotted);
-    EXPECT_EQ(toHex(getKeyInfoFromKeyHash(key, hash).vec()), toHex(oid)) << dotted;
+  for (const auto& r : file.at("signatures")) {
+    const Bytes oid = opensslOid(r[2].get<std::string>().c_str());
+    EXPECT_EQ(toHex(getKeyInfoFromKeyHash(r[0], r[1]).vec()), toHex(oid)) << r;
     KeyType k{};
     HashID h{};
     DerEncoder e;
     e.sequence([&](DerEncoder& s) { s.addOid(asn1::blob(oid)); });
-    ASSERT_TRUE(parseAlgosFromKeyInfo(asn1::blob(e.data), &k, &h)) << dotted;
-    EXPECT_EQ(k, key);
-    EXPECT_EQ(h, hash);
+    ASSERT_TRUE(parseAlgosFromKeyInfo(asn1::blob(e.data), &k, &h)) << r;
+    EXPECT_EQ(k, r[0].get<unsigned>());
+    EXPECT_EQ(h, r[1].get<unsigned>());
   }
-  const std::pair<const char*, KeyType> keys[] = {{"1.2.840.113549.1.1.1", keyRsa}, {"1.2.840.10045.2.1", keyEc},
-                                                  {"1.3.101.112", keyEd25519},      {"1.3.101.110", keyX25519},
-                                                  {"2.16.840.1.101.3.4.4.2", keyMlkem768},
-                                                  {"1.3.101.111", keyRsa} /* X448: unknown reads as RSA */};
-  for (auto [dotted, type] : keys) EXPECT_EQ(keyTypeFromOid(asn1::blob(opensslOid(dotted))), type) << dotted;
+  for (const auto& r : file.at("keys"))
+    EXPECT_EQ(keyTypeFromOid(asn1::blob(opensslOid(r[0].get<std::string>().c_str()))), r[1].get<unsigned>()) << r;
 }
 #endif
 

@@ -33,27 +33,17 @@ TEST(BigNumBits, SetBitDoesNotClamp) {
   EXPECT_TRUE(x.isZero());
 }
 
+const nlohmann::json& edges(const char* table) {
+  static const nlohmann::json all = test::dataFile("bignum_edges.json");
+  return all.at(table);
+}
+
 TEST(BigNumBits, ModBy2Pow) {
-  struct Case {
-    BigNum value;
-    unsigned k;
-    std::vector<BigNum::Digit> digits;
-  };
-  const Case cases[] = {
-      {bn2(0xffffffff, 0xffffffff), 0, {}},                           // deliberately no digit left
-      {bn2(0xffffffff, 0xffffffff), 1, {1}},
-      {bn2(0xffffffff, 0xffffffff), 32, {0xffffffff}},
-      {bn2(0xffffffff, 0xffffffff), 33, {0xffffffff, 1}},
-      {bn2(0xffffffff, 0xffffffff), 64, {0xffffffff, 0xffffffff}},  // k at the capacity: no-op
-      {bn2(0xffffffff, 0xffffffff), 500, {0xffffffff, 0xffffffff}},
-      {bn2(0, 1), 32, {0}},                                          // clamped after the cut
-      {bn3(7, 0, 1), 40, {7}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.k);
-    BigNum x = c.value;
-    x.modBy2Pow(c.k);
-    EXPECT_EQ(x.digits(), c.digits);
+  for (const auto& c : edges("modBy2Pow")) {
+    SCOPED_TRACE(c.dump());
+    BigNum x = fromDigits(c[0]);
+    x.modBy2Pow(c[1]);
+    EXPECT_EQ(x.digits(), c[2].get<std::vector<BigNum::Digit>>());
   }
   BigNum none(5u);
   none.modBy2Pow(0);
@@ -123,27 +113,11 @@ TEST(BigNumArith, Mul256MatchesSchoolbook) {
 // ---- division, gcd, inverses ----
 
 TEST(BigNumGcd, SignedAdd) {
-  struct Case {
-    BigNum mag;
-    bool negative;
-    BigNum x;
-    bool xNegative;
-    BigNum resultMag;
-    bool resultNegative;
-  };
-  const Case cases[] = {
-      {BigNum(5u), true, BigNum(5u), false, BigNum(0u), true},  // a zero keeps the old sign
-      {BigNum(5u), false, BigNum(5u), true, BigNum(0u), false},
-      {BigNum(3u), false, BigNum(5u), true, BigNum(2u), true},
-      {BigNum(3u), true, BigNum(5u), false, BigNum(2u), false},
-      {BigNum(3u), true, BigNum(5u), true, BigNum(8u), true},
-      {BigNum(9u), true, BigNum(5u), false, BigNum(4u), true},
-  };
-  for (const Case& c : cases) {
-    SignedBigNum s{c.mag, c.negative};
-    s.add(c.x, c.xNegative);
-    EXPECT_EQ(s.mag, c.resultMag);
-    EXPECT_EQ(s.negative, c.resultNegative);
+  for (const auto& c : edges("signedAdd")) {
+    SignedBigNum s{BigNum(c[0].get<unsigned>()), c[1]};
+    s.add(BigNum(c[2].get<unsigned>()), c[3]);
+    EXPECT_EQ(s.mag, BigNum(c[4].get<unsigned>())) << c;
+    EXPECT_EQ(s.negative, c[5].get<bool>()) << c;
   }
 }
 
@@ -200,14 +174,6 @@ TEST(Reducer, StrictComparisonsKeepTheModulus) {
   EXPECT_EQ(red.toBigNum(red.fromBigNum(BigNum(11u))), BigNum(11u));
 }
 
-TEST(Reducer, StaticResidues) {
-  EXPECT_EQ(RedNum::mod1, BigNum(1u));
-  EXPECT_EQ(&RedNum::emptyReducer.mod(), &RedNum::mod1);
-  const RedNum fresh;
-  EXPECT_EQ(fresh.reducer, &RedNum::emptyReducer);
-  EXPECT_TRUE(fresh.isZero());
-}
-
 TEST(Reducer, MontgomerySmallModulus) {
   const BigNum n(7u);
   const MontgomeryReducer red(n);
@@ -228,29 +194,12 @@ TEST(Reducer, MontgomerySmallModulus) {
 
 TEST(Reducer, Mod25519Folding) {
   const Mod25519Reducer red;
-  const BigNum& p = red.mod();
-  EXPECT_EQ(p.str(), "7fffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffed");
-  struct Case {
-    BigNum x;
-    BigNum expected;
-  };
-  const BigNum all8 = fromDigits(std::vector<BigNum::Digit>(8, 0xffffffff));
-  const Case cases[] = {
-      // Eight digits: no folding round, one subtraction, and the result stays above p.
-      {all8, p + BigNum(37u)},
-      {p, p},
-      {p + BigNum(1u), BigNum(1u)},
-      {BigNum(5u), BigNum(5u)},
-      // 2^256 folds to 38.
-      {BigNum(1u) << 256, BigNum(38u)},
-      // A full 16-digit value folds first: (2^512 − 1) ≡ 38·(2^256 − 1) + (2^256 − 1).
-      {fromDigits(std::vector<BigNum::Digit>(16, 0xffffffff)), BigNum(1443u)},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.x.str());
-    BigNum x = c.x;
+  EXPECT_EQ(red.mod().str(), "7fffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffed");
+  for (const auto& c : edges("mod25519Fold")) {
+    SCOPED_TRACE(c.dump());
+    BigNum x = hexNum(c[0].get<std::string>());
     red.reduce(x);
-    EXPECT_EQ(x, c.expected);
+    EXPECT_EQ(x, hexNum(c[1].get<std::string>()));
   }
 }
 
@@ -269,23 +218,18 @@ class CountingReducer : public MontgomeryReducer {
 TEST(Reducer, ExpByModWindowThresholds) {
   // For e = 2^(b−1) the only multiplications are the table's 2^(w−1) − 1 and the single
   // window, so their count shows the window width w chosen for a b-bit exponent.
-  struct Case {
-    unsigned bits, muls;
-  };
-  const Case cases[] = {{1, 1},    {23, 1},   {24, 4},   {79, 4},   {80, 8},
-                        {239, 8},  {240, 16}, {671, 16}, {672, 32}, {2048, 32}};
   const BigNum n = (BigNum(1u) << 127) - BigNum(1u);
   const CountingReducer red(n);
   const RedNum base = red.fromBigNum(BigNum(3u));
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.bits);
-    const BigNum e = BigNum(1u) << (c.bits - 1);
+  for (const auto& c : edges("windowThresholds")) {
+    const unsigned bits = c[0];
+    SCOPED_TRACE(bits);
     red.muls = 0;
-    const BigNum got = red.toBigNum(expByMod(base, e, red));
-    EXPECT_EQ(red.muls, c.muls);
+    const BigNum got = red.toBigNum(expByMod(base, BigNum(1u) << (bits - 1), red));
+    EXPECT_EQ(red.muls, c[1].get<unsigned>());
     // The same power by b − 1 plain squarings and divisions.
     BigNum want(3u), sq;
-    for (unsigned i = 0; i + 1 < c.bits; ++i) {
+    for (unsigned i = 0; i + 1 < bits; ++i) {
       sqr(sq, want);
       div(sq, n, nullptr, &want);
     }
@@ -409,24 +353,12 @@ using test::fromBn;
 using test::newBn;
 using test::toBn;
 
-std::string lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-std::string bnHex(const BIGNUM* x) {
-  char* h = BN_bn2hex(x);
-  std::string s = lower(h);
-  OPENSSL_free(h);
-  s.erase(0, std::min(s.find_first_not_of('0'), s.size() - 1));  // OpenSSL pads to whole bytes
-  return s;
-}
-
-std::string bnDec(const BIGNUM* x) {
-  char* d = BN_bn2dec(x);
-  std::string s(d);
-  OPENSSL_free(d);
-  return s;
+// text takes an OpenSSL string (freeing it) in lower case without the zeros it pads hex with.
+std::string text(char* s) {
+  std::string r(s);
+  OPENSSL_free(s);
+  for (char& c : r) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return r.erase(0, std::min(r.find_first_not_of('0'), r.size() - 1));
 }
 
 TEST(BigNumOracle, ProductsSumsShiftsAndText) {
@@ -462,8 +394,8 @@ TEST(BigNumOracle, ProductsSumsShiftsAndText) {
     BN_copy(want.get(), A.get());
     BN_mul_word(want.get(), w);
     ASSERT_EQ(byWord, fromBn(want.get()));
-    ASSERT_EQ(a.str(), bnHex(A.get()));
-    ASSERT_EQ(a.strDec(), bnDec(A.get()));
+    ASSERT_EQ(a.str(), text(BN_bn2hex(A.get())));
+    ASSERT_EQ(a.strDec(), text(BN_bn2dec(A.get())));
     ASSERT_EQ(a.bits(), static_cast<unsigned>(BN_num_bits(A.get())));
     ASSERT_EQ(BigNum(asn1::blob(a.bin(70))), a);
     ASSERT_EQ(a.bin(70).size(), std::max<std::size_t>(70, static_cast<std::size_t>(BN_num_bytes(A.get()))));
@@ -624,8 +556,19 @@ TEST(BigNumOracle, Mod25519ReducerStaysCongruentAndBelow2To256) {
   test::BnCtx ctx;
   const Mod25519Reducer red;
   const Bn P = toBn(red.mod());
-  Bn want = newBn(), got = newBn();
   const BigNum limit = red.mod() + BigNum(38u);
+  // reduced checks that r is below 2^256 and congruent to x mod p.
+  auto reduced = [&](const BigNum& r, const Bn& x) {
+    Bn want = newBn(), got = newBn();
+    BN_nnmod(want.get(), x.get(), P.get(), ctx);
+    BN_nnmod(got.get(), toBn(r).get(), P.get(), ctx);
+    return r < limit && BN_cmp(got.get(), want.get()) == 0;
+  };
+  auto product = [&](const BigNum& x, const BigNum& y) {  // OpenSSL's, not ours
+    Bn p = newBn();
+    BN_mul(p.get(), toBn(x).get(), toBn(y).get(), ctx);
+    return p;
+  };
   for (int i = 0; i < test::rounds(2000); ++i) {
     // Operands up to 2^256 − 1, as the partially reduced values of the curve code reach.
     const BigNum a = test::randomNum(rng, 1 + static_cast<unsigned>(rng.below(8)));
@@ -633,24 +576,15 @@ TEST(BigNumOracle, Mod25519ReducerStaysCongruentAndBelow2To256) {
     SCOPED_TRACE(a.str() + " * " + b.str());
     BigNum r;
     red.mul(r, a, b);
-    ASSERT_LT(r, limit);
-    BN_mod_mul(want.get(), toBn(a).get(), toBn(b).get(), P.get(), ctx);
-    BN_nnmod(got.get(), toBn(r).get(), P.get(), ctx);
-    ASSERT_EQ(BN_cmp(got.get(), want.get()), 0);
+    ASSERT_TRUE(reduced(r, product(a, b)));
     red.sqr(r, b);
-    ASSERT_LT(r, limit);
-    BN_mod_sqr(want.get(), toBn(b).get(), P.get(), ctx);
-    BN_nnmod(got.get(), toBn(r).get(), P.get(), ctx);
-    ASSERT_EQ(BN_cmp(got.get(), want.get()), 0);
+    ASSERT_TRUE(reduced(r, product(b, b)));
     const unsigned k = rng.next();
     r = a;
     red.mul(r, k);
-    ASSERT_LT(r, limit);
-    BN_copy(want.get(), toBn(a).get());
-    BN_mul_word(want.get(), k);
-    BN_nnmod(want.get(), want.get(), P.get(), ctx);
-    BN_nnmod(got.get(), toBn(r).get(), P.get(), ctx);
-    ASSERT_EQ(BN_cmp(got.get(), want.get()), 0);
+    Bn ak = toBn(a);
+    BN_mul_word(ak.get(), k);
+    ASSERT_TRUE(reduced(r, ak));
   }
 }
 

@@ -46,8 +46,7 @@ TEST(Cmac, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_cmac_test.json");
   test::forEachAesPath([&] {
     int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
-      Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
-      Bytes tag = fromHex(t["tag"].template get<std::string>()), out = cmac(key, msg);
+      Bytes key = *test::field(t, "key"), msg = *test::field(t, "msg"), tag = *test::field(t, "tag"), out = cmac(key, msg);
       if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
         EXPECT_EQ(out, Bytes(16, 0xee));  // untouched
         Bytes k1(16, 0xee), k2(16, 0xee);
@@ -88,9 +87,8 @@ TEST(Siv, Wycheproof) {
   LOAD_VECTORS(file, "wycheproof/aes_siv_cmac_test.json");
   test::forEachAesPath([&] {
     int checked = test::forEachWycheproofTest(file, [](const auto&, const auto& t) {
-      Bytes key = fromHex(t["key"].template get<std::string>()), msg = fromHex(t["msg"].template get<std::string>());
-      Bytes ct = fromHex(t["ct"].template get<std::string>());
-      std::vector<Bytes> ad = {fromHex(t["aad"].template get<std::string>())};
+      Bytes key = *test::field(t, "key"), msg = *test::field(t, "msg"), ct = *test::field(t, "ct");
+      std::vector<Bytes> ad = {*test::field(t, "aad")};
       AESSIV siv(key);
       Bytes plain(ct.size() >= 16 ? ct.size() - 16 : 0);
       const bool opened = siv.decrypt(ct, spans(ad), plain.data());

@@ -52,22 +52,15 @@ TEST(ECParams, UnknownCurvesGiveNothing) {
 
 TEST(ECPointTest, OctetStringEdgeCases) {
   const ECPoint none{};
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob()), none);
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob(fromHex("0201"))), none);
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob(fromHex("05aabb"))), none);
-  Bytes enc(65, 0);
-  enc[0] = 4;
-  enc[32] = 1;
-  enc[64] = 2;
-  const ECPoint e = ECPoint::fromOctetString(asn1::blob(enc));
-  EXPECT_EQ(e.x, BigNum(1u));
-  EXPECT_EQ(e.y, BigNum(2u));
-  // An odd remainder leaves the shorter half to x.
-  const ECPoint odd = ECPoint::fromOctetString(asn1::blob(fromHex("04aabbcc")));
-  EXPECT_EQ(odd.x, BigNum(0xaau));
-  EXPECT_EQ(odd.y, BigNum(0xbbccu));
-  EXPECT_EQ(ECPoint::fromOctetString(asn1::blob(fromHex("04"))), (ECPoint{BigNum(0u), BigNum(0u)}));
-
+  // Uncompressed forms as (x, y) in hex; "" is no point, which equals (0, 0). An odd remainder leaves
+  // the shorter half to x.
+  const std::pair<std::string, std::string> forms[] = {
+      {"", ""}, {"0201", ""}, {"05aabb", ""}, {"04aabbcc", "aa,bbcc"}, {"04", ""},
+      {"04" + std::string(62, '0') + "01" + std::string(62, '0') + "02", "1,2"}};
+  for (const auto& [hex, xy] : forms) {
+    const ECPoint p = ECPoint::fromOctetString(asn1::blob(fromHex(hex)));
+    EXPECT_EQ(p == none ? "" : p.x.str() + "," + p.y.str(), xy) << hex;
+  }
   NamedCurve nc(Curve::p256);
   const Bytes full = nc.G.toBin(32, false), packed = nc.G.toBin(32, true);
   EXPECT_EQ(full.size(), 65u);
@@ -98,8 +91,8 @@ TEST(ECPointDeathTest, EncodingALongCoordinateAborts) {
   const ECPoint wideX{BigNum(0x10000u), BigNum(1u)}, wideY{BigNum(1u), BigNum(0x10000u)};
   EXPECT_DEATH(wideX.toBin(2, false),
                "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\", line [0-9]+, function: toBin");
-  EXPECT_DEATH(wideX.toBin(2, true), "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\"");
-  EXPECT_DEATH(wideY.toBin(2, false), "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\"");
+  for (bool compressed : {true, false})
+    EXPECT_DEATH((compressed ? wideX : wideY).toBin(2, compressed), "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\"");
 }
 
 TEST(WCurveTest, GroupEdgeCases) {
@@ -107,41 +100,28 @@ TEST(WCurveTest, GroupEdgeCases) {
     NamedCurve nc(c);
     SCOPED_TRACE(nc.p.bits());
     const WCurve& curve = nc.curve;
-    const ECPoint none{};
-    EXPECT_EQ(nc.times(nc.n - BigNum(1u)), (ECPoint{nc.G.x, nc.p - nc.G.y}));
-
     RedNum t[5];
-    WCurve::Point twice = curve.fromEC(nc.G);
-    curve.dbl(twice, t);
-    const ECPoint two = curve.toEC(std::move(twice));
+    const WCurve::Point G = curve.fromEC(nc.G), minusG = curve.fromEC({nc.G.x, nc.p - nc.G.y}), inf = curve.infinity();
+    auto affine = [&](WCurve::Point p) { return curve.toEC(std::move(p)); };
+    auto sum = [&](WCurve::Point a, const WCurve::Point& b) { return curve.add(a, b, t), a; };
+    auto twice = [&](WCurve::Point a) { return curve.dbl(a, t), a; };
+    const ECPoint two = affine(twice(G)), none{};
+    EXPECT_EQ(nc.times(nc.n - BigNum(1u)), affine(minusG));
     EXPECT_EQ(nc.times(BigNum(2u)), two);
-    WCurve::Point self = curve.fromEC(nc.G);
-    curve.add(self, curve.fromEC(nc.G), t);
-    EXPECT_EQ(curve.toEC(std::move(self)), two);
-    WCurve::Point alias = curve.fromEC(nc.G);
+    EXPECT_EQ(affine(sum(G, G)), two);
+    WCurve::Point alias = G;
     curve.add(alias, alias, t);
-    EXPECT_EQ(curve.toEC(std::move(alias)), two);
-
+    EXPECT_EQ(affine(alias), two);
     // P + (−P) is infinity; adding infinity on either side changes nothing.
-    WCurve::Point sum = curve.fromEC(nc.G);
-    curve.add(sum, curve.fromEC(ECPoint{nc.G.x, nc.p - nc.G.y}), t);
-    EXPECT_TRUE(sum.isInfinity());
-    WCurve::Point g = curve.fromEC(nc.G);
-    curve.add(g, curve.infinity(), t);
-    EXPECT_EQ(curve.toEC(std::move(g)), nc.G);
-    WCurve::Point inf = curve.infinity();
-    curve.add(inf, curve.fromEC(nc.G), t);
-    EXPECT_EQ(curve.toEC(std::move(inf)), nc.G);
-    WCurve::Point infTwice = curve.infinity();
-    curve.dbl(infTwice, t);
-    EXPECT_TRUE(infTwice.isInfinity());
-
+    EXPECT_TRUE(sum(G, minusG).isInfinity());
+    EXPECT_EQ(affine(sum(G, inf)), nc.G);
+    EXPECT_EQ(affine(sum(inf, G)), nc.G);
+    EXPECT_TRUE(twice(inf).isInfinity());
     // mul2add with zero scalars and with P = Q.
-    const WCurve::Point G = curve.fromEC(nc.G);
-    EXPECT_EQ(curve.toEC(curve.mul2add(BigNum(0u), G, BigNum(0u), G)), none);
-    EXPECT_EQ(curve.toEC(curve.mul2add(BigNum(5u), G, BigNum(0u), G)), nc.times(BigNum(5u)));
-    EXPECT_EQ(curve.toEC(curve.mul2add(BigNum(2u), G, BigNum(3u), G)), nc.times(BigNum(5u)));
-    EXPECT_EQ(curve.toEC(curve.mul2add(nc.n - BigNum(1u), G, BigNum(1u), G)), none);
+    EXPECT_EQ(affine(curve.mul2add(BigNum(0u), G, BigNum(0u), G)), none);
+    EXPECT_EQ(affine(curve.mul2add(BigNum(5u), G, BigNum(0u), G)), nc.times(BigNum(5u)));
+    EXPECT_EQ(affine(curve.mul2add(BigNum(2u), G, BigNum(3u), G)), nc.times(BigNum(5u)));
+    EXPECT_EQ(affine(curve.mul2add(nc.n - BigNum(1u), G, BigNum(1u), G)), none);
   }
 }
 

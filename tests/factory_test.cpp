@@ -1,3 +1,4 @@
+#include <map>
 #include <memory>
 
 #include "backends.h"
@@ -12,11 +13,6 @@ namespace tessel {
 namespace {
 
 using test::Bytes;
-
-TEST(Factory, KernelFlagsDefaultOff) {
-  EXPECT_FALSE(ol::kernelCrypto);
-  EXPECT_FALSE(ol::experimentalKernelCrypto);
-}
 
 TEST(Factory, HashesAndHmacs) {
   for (unsigned id = 1; id <= 7; ++id) {
@@ -38,34 +34,26 @@ TEST(Factory, HashesAndHmacs) {
   }
 }
 
+const nlohmann::json& cases(const char* table) {
+  static const nlohmann::json all = test::dataFile("factory_cases.json");
+  return all.at(table);
+}
+
 // One row per cipher id and key length: the object built (or none) and its block length.
 TEST(Factory, CipherTable) {
-  using enum test::BlockKind;
-  struct Row {
-    unsigned id;
-    std::size_t keyLen;
-    const char* kind;  // "" for an empty pointer
-    unsigned block;
-    test::BlockKind blockKind;  // AES by key length
-  };
-  const Row rows[] = {
-      {1, 0, "CBC", 1, null},  {1, 13, "CBC", 1, null}, {2, 8, "CBC", 8, des},    {2, 16, "", 0, des},
-      {3, 24, "CBC", 8, des3}, {3, 16, "", 0, des3},     {4, 16, "CBC", 16, aes},  {4, 24, "CBC", 16, aes},
-      {4, 32, "CBC", 16, aes}, {4, 20, "", 0, aes},      {5, 16, "CTR", 16, aes},  {5, 24, "CTR", 16, aes},
-      {5, 32, "CTR", 16, aes}, {5, 8, "", 0, aes},       {6, 16, "CFB", 16, aes},  {6, 24, "", 0, aes},
-      {6, 32, "", 0, aes},     {7, 16, "GCM", 16, aes},  {7, 32, "GCM", 16, aes},  {7, 24, "", 0, aes},
-      {0, 16, "", 0, aes},     {8, 16, "", 0, aes},      {99, 32, "", 0, aes}};
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::to_string(r.id) + " with " + std::to_string(r.keyLen) + "-byte key");
-    Bytes key(r.keyLen, 0x4b);
-    auto c = createCipher(r.id, key, 0);
-    if (!*r.kind) {
+  for (const auto& r : cases("cipherTable")) {
+    const unsigned id = r[0];
+    const std::size_t keyLen = r[1];
+    const std::string kind = r[2];
+    SCOPED_TRACE(std::to_string(id) + " with " + std::to_string(keyLen) + "-byte key");
+    Bytes key(keyLen, 0x4b);
+    auto c = createCipher(id, key, 0);
+    if (kind.empty()) {
       EXPECT_FALSE(c);
       continue;
     }
     ASSERT_TRUE(c);
-    const std::string kind = r.kind;
-    EXPECT_EQ(c->blockLength(), r.block);
+    EXPECT_EQ(c->blockLength(), r[3].get<unsigned>());
     const bool rightMode = kind == "CBC"   ? dynamic_cast<CBCCipher*>(c.get()) != nullptr
                            : kind == "CTR" ? dynamic_cast<CTR128Cipher*>(c.get()) != nullptr
                            : kind == "CFB" ? dynamic_cast<CFB128Cipher*>(c.get()) != nullptr
@@ -76,7 +64,9 @@ TEST(Factory, CipherTable) {
       continue;
     }
     // The mode runs over the block cipher of the row: compare with one built by hand.
-    auto block = test::makeBlockCipher(r.blockKind, key);
+    using enum test::BlockKind;
+    const std::map<std::string, test::BlockKind> kinds = {{"null", null}, {"des", des}, {"des3", des3}, {"aes", aes}};
+    auto block = test::makeBlockCipher(kinds.at(r[4]), key);
     Bytes iv(16, 0x1f), msg(32, 0x3a), got(32), want(32);
     c->setIV(iv.data(), 16);
     c->encrypt(msg.data(), 32, nullptr, 0, got.data());
@@ -119,77 +109,24 @@ TEST(Factory, AeadOnlyForCbcCiphersInSoftware) {
   }
 }
 
-// Excerpts of "/proc/crypto": a processor with AES-NI and AVX2, one with the generic drivers
-// only (the generic GCM appears once it has been used), and none at all.
-const char kAccelerated[] =
-    "name         : sha1\ndriver       : sha1-avx2\nmodule       : sha1_ssse3\npriority     : 170\n\n"
-    "name         : sha1\ndriver       : sha1-avx\nmodule       : sha1_ssse3\npriority     : 160\n\n"
-    "name         : sha256\ndriver       : sha256-avx2\nmodule       : sha256_ssse3\npriority     : 170\n\n"
-    "name         : sha256\ndriver       : sha256-avx\nmodule       : sha256_ssse3\npriority     : 160\n\n"
-    "name         : sha512\ndriver       : sha512-ssse3\nmodule       : sha512_ssse3\npriority     : 150\n\n"
-    "name         : cbc(aes)\ndriver       : cbc-aes-aesni\nmodule       : aesni_intel\npriority     : 400\n\n"
-    "name         : ctr(aes)\ndriver       : ctr-aes-aesni\nmodule       : aesni_intel\npriority     : 400\n\n"
-    "name         : gcm(aes)\ndriver       : generic-gcm-aesni\nmodule       : aesni_intel\npriority     : 400\n";
-const char kGeneric[] =
-    "name         : sha256\ndriver       : sha256-generic\nmodule       : kernel\npriority     : 100\n\n"
-    "name         : cbc(aes)\ndriver       : cbc(aes-generic)\nmodule       : kernel\npriority     : 100\n\n"
-    "name         : gcm(aes)\ndriver       : gcm_base(ctr(aes-generic),ghash-generic)\nmodule       : gcm\n";
+std::string procCrypto(const char* name) { return cases("procCrypto").at(name); }
 
-// Which driver the factory binds, by "/proc/crypto" text, for digests (key length 0) and
-// ciphers; "" is software. Each list falls back to its last entry, GCM to its fixed name.
+// Which driver the factory binds, by "/proc/crypto" text, for digests and ciphers; "" is
+// software. Each list falls back to its last entry, GCM to its fixed name.
 TEST(Factory, DriverChoiceTable) {
-  struct Row {
-    const char* text;
-    bool hash;
-    unsigned id;
-    std::size_t keyLen;
-    const char* driver;
-  };
-  const char* none = "";
-  const Row rows[] = {
-      {kAccelerated, true, hashSha1, 0, "sha1-avx"},  // found inside "sha1-avx2": a plain text search
-      {kAccelerated, true, hashSha256, 0, "sha256-avx"},
-      {kAccelerated, true, hashSha512, 0, "sha512-generic"},  // only the ssse3 driver is listed
-      {kAccelerated, true, hashSha384, 0, ""},
-      {kAccelerated, true, hashMd5, 0, ""},
-      {kAccelerated, true, hashMd4, 0, ""},
-      {kAccelerated, true, hashMd5Sha1, 0, ""},
-      {kAccelerated, false, 4, 16, "cbc-aes-aesni"},
-      {kAccelerated, false, 4, 24, "cbc-aes-aesni"},
-      {kAccelerated, false, 5, 32, "ctr-aes-aesni"},
-      {kAccelerated, false, 7, 16, "generic-gcm-aesni"},
-      {kAccelerated, false, 7, 32, "generic-gcm-aesni"},
-      {kAccelerated, false, 7, 24, ""},
-      {kAccelerated, false, 4, 20, ""},
-      {kAccelerated, false, 6, 16, ""},
-      {kAccelerated, false, 2, 8, ""},
-      {kAccelerated, false, 3, 24, ""},
-      {kAccelerated, false, 1, 16, ""},
-      {kGeneric, true, hashSha1, 0, "sha1-generic"},
-      {kGeneric, true, hashSha256, 0, "sha256-generic"},
-      {kGeneric, false, 4, 32, "cbc(aes-generic)"},
-      {kGeneric, false, 5, 16, "ctr(aes-generic)"},
-      {kGeneric, false, 7, 16, "gcm_base(ctr(aes-generic),ghash-generic)"},
-      {none, true, hashSha1, 0, "sha1-generic"},
-      {none, true, hashSha256, 0, "sha256-generic"},
-      {none, true, hashSha512, 0, "sha512-generic"},
-      {none, false, 4, 16, "cbc(aes-generic)"},
-      {none, false, 5, 24, "ctr(aes-generic)"},
-      {none, false, 7, 32, "gcm_base(ctr(aes-generic),ghash-generic)"},
-      {none, false, 7, 24, ""}};
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::string(r.hash ? "hash " : "cipher ") + std::to_string(r.id) + " key " +
-                 std::to_string(r.keyLen) + (r.text == kAccelerated ? " accelerated" : r.text == kGeneric ? " generic" : " empty"));
-    test::FakeProcCrypto fake(r.text);
-    EXPECT_EQ(r.hash ? detail::hashDriverName(r.id) : detail::cipherDriverName(r.id, r.keyLen), r.driver);
+  for (const auto& r : cases("driverChoice")) {
+    SCOPED_TRACE(r.dump());
+    test::FakeProcCrypto fake(procCrypto(r[0].get<std::string>().c_str()));
+    const unsigned id = r[2];
+    EXPECT_EQ(r[1] == "hash" ? detail::hashDriverName(id) : detail::cipherDriverName(id, r[3].get<std::size_t>()), r[4].get<std::string>());
   }
 }
 
 TEST(Factory, CryptoInfoIsReadUnderThePlatformRoot) {
   const std::string real = detail::cryptoInfo();
   {
-    test::FakeProcCrypto fake(kGeneric);
-    EXPECT_EQ(detail::cryptoInfo(), kGeneric);
+    test::FakeProcCrypto fake(procCrypto("generic"));
+    EXPECT_EQ(detail::cryptoInfo(), procCrypto("generic"));
   }
   EXPECT_EQ(detail::cryptoInfo(), real);
   ol::setRoot("/nonexistent-tessel-root");
@@ -213,36 +150,30 @@ TEST(FactoryDeathTest, PrioCryptoNeedsAList) {
   EXPECT_DEATH(detail::prioCrypto({}), "\"vars.size\\(\\)\" failed: file \"factory.cpp\", line [0-9]+, function: prioCrypto");
 }
 
-// With offload off the driver list does not matter: every object is software.
-TEST(Factory, OffloadOffBuildsSoftwareWhateverTheDriverList) {
-  test::FakeProcCrypto fake(kAccelerated);
-  auto h = createHash(hashSha256);
-  auto c = createCipher(4, Bytes(16), 16);
-  auto g = createCipher(7, Bytes(32), 16);
-  auto aead = createAead(4, 5, Bytes(16), Bytes(32));
-  EXPECT_TRUE(dynamic_cast<SHA256*>(h.get()));
-  EXPECT_TRUE(dynamic_cast<CBCCipher*>(c.get()));
-  EXPECT_TRUE(dynamic_cast<GCMCipher*>(g.get()));
-  EXPECT_TRUE(dynamic_cast<EncryptThenMacCipher*>(aead.get()));
-}
-
-// Without AF_ALG, offload switched on still builds software objects, silently.
-TEST(KernelWithoutAfAlg, FactoryBuildsSoftware) {
-  if (detail::afAlgAvailable()) GTEST_SKIP() << "AF_ALG present in this kernel";
-  test::FakeProcCrypto fake(kAccelerated);
-  ol::kernelCrypto = true;
-  testing::internal::CaptureStdout();
-  auto h = createHash(hashSha256);
-  auto c = createCipher(5, Bytes(16), 0);
-  auto g = createCipher(7, Bytes(16), 16);
-  auto aead = createAead(4, 5, Bytes(16), Bytes(32));
-  const std::string said = testing::internal::GetCapturedStdout();
-  ol::kernelCrypto = false;
-  EXPECT_TRUE(dynamic_cast<SHA256*>(h.get()));
-  EXPECT_TRUE(dynamic_cast<CTR128Cipher*>(c.get()));
-  EXPECT_TRUE(dynamic_cast<GCMCipher*>(g.get()));
-  EXPECT_TRUE(dynamic_cast<EncryptThenMacCipher*>(aead.get()));
-  EXPECT_EQ(said, "");
+// With offload off the driver list does not matter: every object is software. Without AF_ALG,
+// offload switched on builds software objects too, silently.
+TEST(Factory, SoftwareWhateverTheDriverListAndWithoutAfAlg) {
+  test::FakeProcCrypto fake(procCrypto("accelerated"));
+  for (bool offload : {false, true}) {
+    if (offload && detail::afAlgAvailable()) continue;  // (kernel_test.cpp covers that case)
+    ol::kernelCrypto = offload;
+    std::unique_ptr<Hash> h;
+    std::unique_ptr<Cipher> cbc, ctr, gcm, aead;
+    EXPECT_EQ(test::said([&] {
+                h = createHash(hashSha256);
+                cbc = createCipher(4, Bytes(16), 16);
+                ctr = createCipher(5, Bytes(16), 0);
+                gcm = createCipher(7, Bytes(32), 16);
+                aead = createAead(4, 5, Bytes(16), Bytes(32));
+              }),
+              "");
+    ol::kernelCrypto = false;
+    EXPECT_TRUE(dynamic_cast<SHA256*>(h.get()));
+    EXPECT_TRUE(dynamic_cast<CBCCipher*>(cbc.get()));
+    EXPECT_TRUE(dynamic_cast<CTR128Cipher*>(ctr.get()));
+    EXPECT_TRUE(dynamic_cast<GCMCipher*>(gcm.get()));
+    EXPECT_TRUE(dynamic_cast<EncryptThenMacCipher*>(aead.get()));
+  }
 }
 
 // The runners that the kernel objects go through (kernel_test.cpp), here over the software

@@ -76,7 +76,7 @@ TEST(Gcm, Wycheproof) {
   test::forEachAesPath([&] {
     std::set<int> ownRule;
     int checked = test::forEachWycheproofTest(file, [&](const auto&, const auto& t) {
-      auto hex = [&](const char* name) { return fromHex(t[name].template get<std::string>()); };
+      auto hex = [&](const char* name) { return *test::field(t, name); };
       Bytes key = hex("key"), iv = hex("iv"), aad = hex("aad"), msg = hex("msg"), sealed = concat(hex("ct"), hex("tag"));
       if (iv.size() < 12) {
         ownRule.insert(t["tcId"].template get<int>());

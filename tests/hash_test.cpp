@@ -49,7 +49,12 @@ TEST(Digest, ConstantsPerAlgorithm) {
     EXPECT_EQ(h->blockLength(), r.block) << r.id;
     EXPECT_EQ(h->digestLength(), r.length) << r.id;
     EXPECT_EQ(h->lengthFieldSize(), r.field) << r.id;
-    EXPECT_EQ(h->digest().size(), r.length) << r.id;
+    // Empty updates leave the digest of the empty message.
+    const Bytes empty = h->update(nullptr, 0).update(nullptr, 0).digest();
+    EXPECT_EQ(empty.size(), r.length) << r.id;
+#if TESSEL_HAVE_OPENSSL
+    EXPECT_EQ(empty, test::opensslDigest(r.id, {})) << r.id;
+#endif
   }
 }
 
@@ -58,25 +63,6 @@ TEST(Digest, NamesOnlyForCertificateDigests) {
       {0, "unknown"}, {1, "unknown"}, {2, "unknown"}, {3, "MD5"},     {4, "SHA1"},
       {5, "SHA256"},  {6, "SHA384"},  {7, "SHA512"},  {8, "unknown"}, {0xffffffffu, "unknown"}};
   for (auto [id, name] : rows) EXPECT_EQ(getHashName(id), name) << id;
-}
-
-#if TESSEL_HAVE_OPENSSL
-TEST(Digest, ZeroLengthUpdateLeavesEmptyDigest) {
-  for (unsigned id = 1; id <= 7; ++id) {
-    auto h = test::makeSoftwareHash(id);
-    h->update(nullptr, 0).update(nullptr, 0);
-    EXPECT_EQ(h->digest(), test::opensslDigest(id, {})) << id;
-  }
-}
-#endif
-
-TEST(Digest, Md5Sha1IsTheConcatenation) {
-  Bytes msg = test::bytesOf("message digest");
-  MD5SHA1 pair;
-  Bytes expected = MD5().update(msg).digest();
-  Bytes sha = SHA1().update(msg).digest();
-  expected.insert(expected.end(), sha.begin(), sha.end());
-  EXPECT_EQ(pair.update(msg).digest(), expected);
 }
 
 #if TESSEL_HAVE_OPENSSL

@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -27,13 +26,7 @@ using test::toHex;
 #define SKIP_WITHOUT_AF_ALG() \
   if (!detail::afAlgAvailable()) GTEST_SKIP() << "no AF_ALG in this kernel"
 
-// said runs `body` and returns what it printed on standard output.
-template <class Body>
-std::string said(Body body) {
-  testing::internal::CaptureStdout();
-  body();
-  return testing::internal::GetCapturedStdout();
-}
+using test::said;
 
 std::string errorText(int err) { return std::strerror(err); }
 
@@ -413,38 +406,6 @@ TEST(KernelFactory, FailedSetupIsReturned) {
   EXPECT_EQ(bindLine, "alg bind failed: " + errorText(ENOENT) + " for type:aead name:authenc(hmac(" +
                           detail::hashDriverName(hashSha256) + ")," + detail::cipherDriverName(7, 16) + ")\n");
   EXPECT_TRUE(dynamic_cast<KernelAead*>(aead.get()));
-}
-
-// Throughput at 16 KiB, kernel beside software, for the log. Under QEMU's software emulation
-// the absolute figures mean little; nothing is asserted.
-TEST(KernelTiming, SixteenKilobyteMessages) {
-  SKIP_WITHOUT_AF_ALG();
-  Bytes msg(16384, 0x5a), out(16384 + 16), key(16, 3), iv(16, 4);
-  auto rate = [&](auto once) {
-    using clock = std::chrono::steady_clock;
-    const auto start = clock::now();
-    int n = 0;
-    while (clock::now() - start < std::chrono::milliseconds(300)) once(), ++n;
-    const double seconds = std::chrono::duration<double>(clock::now() - start).count();
-    return n * 16384.0 / seconds / 1e6;
-  };
-  for (bool kernel : {true, false}) {
-    ol::kernelCrypto = kernel;
-    auto h = createHash(hashSha256);
-    auto cbc = createCipher(4, key, 16), gcm = createCipher(7, key, 16);
-    ol::kernelCrypto = false;
-    const double sha = rate([&] { h->update(msg).digest(out.data()); });
-    const double c = rate([&] {
-      cbc->setIV(iv.data(), 16);
-      cbc->encrypt(msg.data(), 16384, nullptr, 0, out.data());
-    });
-    const double g = rate([&] {
-      gcm->setIV(iv.data(), 12);
-      gcm->encrypt(msg.data(), 16384, nullptr, 0, out.data());
-    });
-    std::printf("kernel: %-8s 16 KiB MB/s: SHA-256 %.1f  AES-128-CBC %.1f  AES-128-GCM %.1f\n",
-                kernel ? "kernel" : "software", sha, c, g);
-  }
 }
 
 }  // namespace

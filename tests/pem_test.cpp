@@ -13,12 +13,8 @@ namespace {
 
 using test::Bytes;
 
-std::string text(const std::string& fixture) {
-  Bytes b = test::readFixture(fixture);
-  return std::string(b.begin(), b.end());
-}
-
-std::string path(const std::string& fixture) { return std::string(TESSEL_SOURCE_DIR) + "/tests/data/" + fixture; }
+std::string text(const std::string& fixture) { return test::fixtureText(fixture); }
+std::string path(const std::string& fixture) { return test::fixturePath(fixture); }
 
 const std::string kPassword = "tessel-fixture";
 
@@ -106,9 +102,8 @@ TEST(Pem, LegacyEncryptedRsaKeys) {
 TEST(Pem, LegacyUnknownCipher) {
   std::string pem = text("keys/rsa2048.legacy-aes128.pem");
   pem.replace(pem.find("AES-128-CBC"), 11, "AES-128-CFB");
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(readPrivateKey(pem, kPassword));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[ERR] unkown encrypted PEM type: AES-128-CFB\n");
+  EXPECT_EQ(test::said([&] { EXPECT_FALSE(readPrivateKey(pem, kPassword)); }),
+            "[ERR] unkown encrypted PEM type: AES-128-CFB\n");
   std::string_view in = pem, label, body;
   ASSERT_TRUE(parsePem(in, &label, &body));
   Bytes out;
@@ -141,102 +136,80 @@ std::string legacyBody(const char* name, const EVP_CIPHER* cipher, const Bytes& 
 
 TEST(Pem, LegacyPaddingBounds) {
   const Bytes iv = test::fromHex("00112233445566778899aabbccddeeff");
+  auto check = [&](const char* name, const EVP_CIPHER* cipher, unsigned pad, bool accepted) {
+    SCOPED_TRACE(std::string(name) + " pad " + std::to_string(pad));
+    const unsigned block = EVP_CIPHER_block_size(cipher), total = (pad / block + 2) * block;
+    Bytes plain(total, 0x5A), out;
+    std::fill(plain.end() - pad, plain.end(), static_cast<unsigned char>(pad));
+    if (pad == 0) plain.back() = 0;
+    EXPECT_EQ(pemDecrypt(legacyBody(name, cipher, plain, Bytes(iv.begin(), iv.begin() + block)), &out, kPassword), accepted);
+    if (accepted) {
+      EXPECT_EQ(out, Bytes(total - pad, 0x5A));
+    }
+  };
   struct Case {
     const char* name;
     const EVP_CIPHER* cipher;
-    unsigned pad;
-    bool ok;
+    std::vector<unsigned> accepted, refused;  // padding lengths
   } cases[] = {
-      {"AES-256-CBC", EVP_aes_256_cbc(), 20, true},  // wider than a block: accepted up to 32
-      {"AES-256-CBC", EVP_aes_256_cbc(), 32, true},
-      {"AES-256-CBC", EVP_aes_256_cbc(), 33, false},
-      {"AES-192-CBC", EVP_aes_192_cbc(), 24, true},
-      {"AES-192-CBC", EVP_aes_192_cbc(), 25, false},
-      {"AES-128-CBC", EVP_aes_128_cbc(), 16, true},
-      {"AES-128-CBC", EVP_aes_128_cbc(), 20, false},
-      {"AES-128-CBC", EVP_aes_128_cbc(), 0, false},
-      {"DES-EDE3-CBC", EVP_des_ede3_cbc(), 8, true},
-      {"DES-EDE3-CBC", EVP_des_ede3_cbc(), 9, false},
+      {"AES-256-CBC", EVP_aes_256_cbc(), {20, 32}, {33}},  // wider than a block: accepted up to 32
+      {"AES-192-CBC", EVP_aes_192_cbc(), {24}, {25}},
+      {"AES-128-CBC", EVP_aes_128_cbc(), {16}, {20, 0}},  // a zero last byte is no padding
+      {"DES-EDE3-CBC", EVP_des_ede3_cbc(), {8}, {9}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.name) + " pad " + std::to_string(c.pad));
-    const unsigned block = EVP_CIPHER_block_size(c.cipher);
-    const unsigned total = (c.pad / block + 2) * block;
-    Bytes plain(total, 0x5A);
-    std::fill(plain.end() - c.pad, plain.end(), static_cast<unsigned char>(c.pad));
-    if (c.pad == 0) plain.back() = 0;  // a zero last byte is no padding
-    const Bytes ivUsed(iv.begin(), iv.begin() + block);
-    Bytes out;
-    const bool ok = pemDecrypt(legacyBody(c.name, c.cipher, plain, ivUsed), &out, kPassword);
-    EXPECT_EQ(ok, c.ok);
-    if (ok) {
-      EXPECT_EQ(out, Bytes(total - c.pad, 0x5A));
-    }
+    for (unsigned pad : c.accepted) check(c.name, c.cipher, pad, true);
+    for (unsigned pad : c.refused) check(c.name, c.cipher, pad, false);
   }
 }
 #endif
 
 TEST(Pem, CertificateReaders) {
   const std::string leafPem = text("certs/leaf.pem");
-  testing::internal::CaptureStdout();
-  auto fromPem = readCertFromStr(leafPem);
-  auto fromDer = readCertFromStr(text("certs/leaf.der"));
-  auto crlAsCert = readCertFromStr(text("certs/crl.pem"));
-  auto fromFile = readCertFromFile(path("certs/leaf.der"));
-  testing::internal::GetCapturedStdout();
-  ASSERT_TRUE(fromPem && fromDer && fromFile);
-  EXPECT_EQ(fromPem->serialize(), fromDer->serialize());
-  EXPECT_FALSE(crlAsCert);
-  EXPECT_FALSE(readCertFromStr(""));
-  EXPECT_FALSE(readCertFromFile(path("certs/missing.pem")));
-
+  std::unique_ptr<X509Certificate> fromPem, fromDer, fromFile, fromCrlf;
   // CR LF line ends decode like LF.
   std::string crlf;
   for (char ch : leafPem) crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
-  testing::internal::CaptureStdout();
-  auto fromCrlf = readCertFromStr(crlf);
-  testing::internal::GetCapturedStdout();
-  ASSERT_TRUE(fromCrlf);
-  EXPECT_EQ(fromCrlf->serialize(), fromDer->serialize());
-
   // Opened as CERTIFICATE, closed as X509 CRL: still a certificate block.
   std::string mixed = leafPem;
   mixed.replace(mixed.find("-----END CERTIFICATE-----"), 25, "-----END X509 CRL-----");
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(readCertFromStr(mixed));
-  EXPECT_EQ(readCertChain(mixed).size(), 1u);
-  testing::internal::GetCapturedStdout();
+  test::said([&] {
+    fromPem = readCertFromStr(leafPem);
+    fromDer = readCertFromStr(text("certs/leaf.der"));
+    fromFile = readCertFromFile(path("certs/leaf.der"));
+    fromCrlf = readCertFromStr(crlf);
+    EXPECT_FALSE(readCertFromStr(text("certs/crl.pem")));
+    EXPECT_TRUE(readCertFromStr(mixed));
+    EXPECT_EQ(readCertChain(mixed).size(), 1u);
+  });
+  ASSERT_TRUE(fromPem && fromDer && fromFile && fromCrlf);
+  EXPECT_EQ(fromPem->serialize(), fromDer->serialize());
+  EXPECT_EQ(fromCrlf->serialize(), fromDer->serialize());
+  EXPECT_FALSE(readCertFromStr(""));
+  EXPECT_FALSE(readCertFromFile(path("certs/missing.pem")));
 }
 
 TEST(Pem, CertificateChains) {
   // chain.pem: leaf, a PRIVATE KEY block, the CA.
-  testing::internal::CaptureStdout();
-  auto chain = readCertChainFromFile(path("certs/chain.pem"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  std::vector<std::shared_ptr<X509Certificate>> chain;
+  EXPECT_EQ(test::said([&] { chain = readCertChainFromFile(path("certs/chain.pem")); }),
             "LABEL: CERTIFICATE\nunknown ext id=1.2.3.4.5, critical: 0\nLABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n");
   ASSERT_EQ(chain.size(), 2u);
   EXPECT_EQ(chain[0]->subject.CN, "host.example.com");
   EXPECT_EQ(chain[1]->subject.CN, "Tessel Test CA");
-
   // Key block before the certificate: both labels, one certificate.
-  testing::internal::CaptureStdout();
-  auto one = readCertChain(text("keys/rsa1024.pkcs8.pem") + text("certs/ca.pem"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n");
-  EXPECT_EQ(one.size(), 1u);
-
+  EXPECT_EQ(test::said([&] { EXPECT_EQ(readCertChain(text("keys/rsa1024.pkcs8.pem") + text("certs/ca.pem")).size(), 1u); }),
+            "LABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n");
   // A broken certificate block empties the whole result.
   std::string broken = text("certs/ca.pem") + text("certs/crl.pem");
   broken.replace(broken.find("BEGIN X509 CRL"), 14, "BEGIN CERTIFICATE");
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(readCertChain(broken).empty());
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
-
+  EXPECT_EQ(test::said([&] { EXPECT_TRUE(readCertChain(broken).empty()); }), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
   // No block at all: one DER certificate.
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(readCertChain(text("certs/leaf.der")).size(), 1u);
-  EXPECT_TRUE(readCertChain("").empty());
-  EXPECT_TRUE(readCertChain(text("keys/rsa1024.pkcs8.pem")).empty());
-  testing::internal::GetCapturedStdout();
+  test::said([&] {
+    EXPECT_EQ(readCertChain(text("certs/leaf.der")).size(), 1u);
+    EXPECT_TRUE(readCertChain("").empty());
+    EXPECT_TRUE(readCertChain(text("keys/rsa1024.pkcs8.pem")).empty());
+  });
 }
 
 TEST(Pem, CrlAndRequestReaders) {
@@ -246,10 +219,11 @@ TEST(Pem, CrlAndRequestReaders) {
   EXPECT_TRUE(readCrl(text("certs/crl.der")));
   EXPECT_FALSE(readCrl(text("certs/ca.pem")));
   EXPECT_FALSE(readCrl(""));
-  testing::internal::CaptureStdout();
-  auto req = readReqFromFile(path("certs/req.pem"));
-  EXPECT_FALSE(readReq(text("certs/crl.pem")));
-  testing::internal::GetCapturedStdout();
+  std::unique_ptr<X509Req> req;
+  test::said([&] {
+    req = readReqFromFile(path("certs/req.pem"));
+    EXPECT_FALSE(readReq(text("certs/crl.pem")));
+  });
   ASSERT_TRUE(req);
   EXPECT_EQ(req->challengePassword, "secret-pw");
 }

@@ -5,8 +5,6 @@
 
 namespace {
 
-TEST(Rng, DefaultSourceIsOneObject) { EXPECT_EQ(&tessel::getDefaultRng(), &tessel::getDefaultRng()); }
-
 TEST(Rng, FillsWholeBuffersOfAnySize) {
   // Large requests are answered by getrandom in several pieces; every byte must be written.
   std::vector<unsigned char> big(1 << 20, 0);

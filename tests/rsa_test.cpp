@@ -42,22 +42,16 @@ BigNum topBitNumber(unsigned bits) {  // an odd number of exactly `bits` bits
   return n;
 }
 
+const nlohmann::json& cases(const char* table) {
+  static const nlohmann::json all = test::dataFile("rsa_cases.json");
+  return all.at(table);
+}
+
 TEST(RsaPublicKey, AcceptanceRules) {
-  struct Row {
-    unsigned nBits;
-    std::string eHex;
-    bool ok;
-  };
-  const Row rows[] = {{2048, "010001", true},  {2048, "03", true},       {2048, "02", false},
-                      {2048, "01", false},     {2048, "00", false},      {2048, "010000", false},
-                      {2048, "01ffffffffffffffff", true},  // 65-bit exponent with a 2048-bit modulus
-                      {3072, "01ffffffffffffffff", false}, {3072, "ffffffffffffffff", true},
-                      {16384, "010001", true}, {16385, "010001", false}, {17, "010001", false} /* e >= n */};
-  for (const Row& r : rows) {
+  for (const auto& r : cases("publicKeys")) {
     RsaPublicKey key;
-    BigNum n = topBitNumber(r.nBits);
-    EXPECT_EQ(key.parseFromDerEncoded(asn1::blob(publicDer(n, BigNum(asn1::blob(fromHex(r.eHex))))), {}), r.ok)
-        << r.nBits << " bits, e " << r.eHex;
+    const BigNum n = topBitNumber(r[0]), e(asn1::blob(fromHex(r[1].get<std::string>())));
+    EXPECT_EQ(key.parseFromDerEncoded(asn1::blob(publicDer(n, e)), {}), r[2].get<bool>()) << r;
   }
   RsaPublicKey key;
   EXPECT_FALSE(key.parseFromDerEncoded(asn1::blob(publicDer(topBitNumber(2048), 65537, "0500")), {}));
@@ -66,17 +60,7 @@ TEST(RsaPublicKey, AcceptanceRules) {
   EXPECT_FALSE(key.parseFromDerEncoded({}, {}));
 }
 
-TEST(RsaPrivateKey, FixturesRoundTripByteForByte) {
-  for (unsigned bits : kSizes) {
-    Bytes der = test::readFixture(keyPath(bits, "pkcs1.der"));
-    RsaPrivateKey key;
-    ASSERT_TRUE(key.parseFromDerEncoded(asn1::blob(der), {})) << bits;
-    EXPECT_EQ(key.n.bits(), bits);
-    EXPECT_EQ(key.modulusLength(), bits / 8);
-    EXPECT_EQ(key.encodeToDerEncoded(), der) << bits;
-    EXPECT_TRUE(key.equals(key));
-  }
-}
+// Every fixture reads and writes back byte for byte in pkcs8_test.cpp.
 
 TEST(RsaPrivateKey, StructureRules) {
   Bytes der = test::readFixture(keyPath(1024, "pkcs1.der"));
@@ -146,51 +130,12 @@ TEST(RsaPrivateKey, ShortModulusKeepsTheSingleLengthCheck) {
 }
 
 TEST(RsaPublicKey, DigestInfoChecks) {
-  auto info = [](const std::string& algo, const std::string& digest, const std::string& extra = "") {
-    DerEncoder e;
-    e.sequence([&](DerEncoder& s) {
-      s.addBytes(asn1::blob(fromHex(algo)));
-      s.addBytes(asn1::blob(fromHex(digest)));
-      s.addBytes(asn1::blob(fromHex(extra)));
-    });
-    return toHex(e.data);
-  };
-  const std::string sha256Algo = "300d06096086480165030402010500", sha1Algo = "300906052b0e03021a0500";
-  const std::string d32 = "0420" + std::string(64, '1');
-  struct Row {
-    std::string block;
-    unsigned id;
-    const char* message;  // nullptr: accepted
-  };
-  const Row rows[] = {
-      {info(sha256Algo, d32), hashSha256, nullptr},
-      {"", hashSha256, "empty digest info"},
-      {"3000", hashSha256, "digest info does not span whole block"},
-      {"3080", hashSha256, "digest info does not span whole block"},
-      {info(sha256Algo, d32) + "00", hashSha256, "trailing data after digest info"},
-      {"0403010203", hashSha256, "bad digest info prefix"},
-      {"30030401aa", hashSha256, "missing algo id seq"},
-      {info("30020500", d32), hashSha256, "missing alog id"},
-      {info(sha1Algo, "0414" + std::string(40, '1')), hashSha256, "not correct signature hash"},
-      {info("300b0609608648016503040201", d32), hashSha256, "missing algo id NULL params"},
-      {info("300f0609608648016503040201050200ff", d32), hashSha256, "missing algo id NULL params"},
-      {info("300f060960864801650304020105000500", d32), hashSha256, "trailing bytes after algo id"},
-      {info(sha256Algo, "0300"), hashSha256, "missing hash"},
-      {info(sha256Algo, d32, "0500"), hashSha256, "trailing bytes after digest"},
-      {info(sha256Algo, "041f" + std::string(62, '1')), hashSha256, "bad digest length"},
-      {info("300c06082a864886f70d02020500", "0410" + std::string(32, '1')), hashNone, "bad digest length"}};
-  for (const Row& r : rows) {
-    Bytes block = fromHex(r.block);
-    testing::internal::CaptureStdout();
-    asn1::blob digest = RsaPublicKey::parseHashFromDerEncoded(r.id, asn1::blob(block));
-    std::string printed = testing::internal::GetCapturedStdout();
-    if (!r.message) {
-      EXPECT_EQ(toHex(digest.vec()), std::string(64, '1'));
-      EXPECT_EQ(printed, "");
-    } else {
-      EXPECT_TRUE(digest.empty()) << r.message;
-      EXPECT_EQ(printed, std::string(r.message) + "\n") << r.block;
-    }
+  for (const auto& r : cases("digestInfo")) {
+    const Bytes block = fromHex(r[0].get<std::string>());
+    asn1::blob digest;
+    const std::string printed = test::said([&] { digest = RsaPublicKey::parseHashFromDerEncoded(r[1], asn1::blob(block)); });
+    EXPECT_EQ(toHex(digest.vec()), r[2].is_null() ? std::string(64, '1') : "") << r;
+    EXPECT_EQ(printed, r[2].is_null() ? "" : r[2].get<std::string>() + "\n") << r;
   }
 }
 

@@ -201,3 +201,54 @@ std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total);
   if (!var##_opt) GTEST_SKIP() << "test vectors not found: " << ::tessel::test::vectorsDir()   \
                                << "/" << (path) << " (set TESSEL_VECTORS)";                    \
   const nlohmann::json& var = *var##_opt
+
+#include <sstream>
+#include <utility>
+
+namespace tessel::test {
+
+// said runs `body` and returns what it printed on standard output.
+template <class Body>
+std::string said(Body body) {
+  testing::internal::CaptureStdout();
+  body();
+  return testing::internal::GetCapturedStdout();
+}
+
+// parseSaying runs obj.parse over DER and returns its result with what it printed.
+template <class T>
+std::pair<bool, std::string> parseSaying(T& obj, const Bytes& der) {
+  bool ok = false;
+  std::string out = said([&] { ok = obj.parse(der.data(), static_cast<unsigned>(der.size())); });
+  return {ok, out};
+}
+
+// fixturePath is the file name of a fixture below tests/data; fixtureText its contents.
+inline std::string fixturePath(const std::string& relativePath) {
+  return std::string(TESSEL_SOURCE_DIR) + "/tests/data/" + relativePath;
+}
+inline std::string fixtureText(const std::string& relativePath) {
+  const Bytes b = readFixture(relativePath);
+  return std::string(b.begin(), b.end());
+}
+
+// fixtureDer is the DER of a fixture: the file itself (.der) or the body of its first PEM block.
+inline Bytes fixtureDer(const std::string& relativePath) {
+  const Bytes b = readFixture(relativePath);
+  return relativePath.ends_with(".der") ? b : pemBody(b);
+}
+
+// dumpOf returns what obj.dump writes.
+template <class T>
+std::string dumpOf(const T& obj) {
+  std::ostringstream os;
+  obj.dump(os);
+  return os.str();
+}
+
+// hexField returns the bytes of hex field `name` of a case; an absent field gives no bytes.
+inline Bytes hexField(const nlohmann::json& c, const char* name) {
+  return c.contains(name) ? fromHex(c[name].get<std::string>()) : Bytes{};
+}
+
+}  // namespace tessel::test

@@ -3,11 +3,15 @@
 #include <fstream>
 #include <string>
 
+#include "ol/file.h"
 #include "ol/store.h"
 #include "support.h"
 #include "tessel/pem.h"
 
 namespace {
+
+using tessel::test::fixturePath;
+using tessel::test::fixtureText;
 
 // run executes a shell command and returns its standard output and exit status.
 std::pair<std::string, int> run(const std::string& command) {
@@ -21,77 +25,50 @@ std::pair<std::string, int> run(const std::string& command) {
   return {out, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
 }
 
-TEST(Tool, DigestPrintsSha256sumLines) {
+class Tool : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (tool.empty()) GTEST_SKIP() << "built without the example program";
+  }
   const std::string tool = TESSEL_TOOL_PATH;
-  if (tool.empty()) GTEST_SKIP() << "built without the example program";
+};
+
+TEST_F(Tool, DigestPrintsSha256sumLines) {
   const std::string abc = std::string(TESSEL_SOURCE_DIR) + "/examples/abc.txt";
-  auto [out, status] = run(tool + " digest sha256 " + abc + " 2>/dev/null");
-  EXPECT_EQ(status, 0);
-  // FIPS 180-2 appendix B.1: SHA-256("abc").
-  EXPECT_EQ(out, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad  " + abc + "\n");
-  auto [md5, md5Status] = run("printf abc | " + tool + " digest md5 -");
-  EXPECT_EQ(md5, "900150983cd24fb0d6963f7d28e17f72  -\n");  // RFC 1321 appendix A.5
+  // FIPS 180-2 appendix B.1: SHA-256("abc"); RFC 1321 appendix A.5: MD5("abc").
+  EXPECT_EQ(run(tool + " digest sha256 " + abc + " 2>/dev/null"),
+            std::make_pair("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad  " + abc + "\n", 0));
+  EXPECT_EQ(run("printf abc | " + tool + " digest md5 -").first, "900150983cd24fb0d6963f7d28e17f72  -\n");
   EXPECT_EQ(run(tool + " digest sha256 /nonexistent/file 2>/dev/null").second, 1);
   EXPECT_EQ(run(tool + " digest sha3 " + abc + " 2>/dev/null").second, 2);
   EXPECT_EQ(run(tool + " 2>/dev/null").second, 2);
 }
 
-}  // namespace
-
-namespace {
-
-std::string fixture(const std::string& name) {
-  return std::string(TESSEL_SOURCE_DIR) + "/tests/data/" + name;
-}
-
-std::string readText(const std::string& path) {
-  std::string text;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return text;
-  char buf[4096];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-  std::fclose(f);
-  return text;
-}
-
-TEST(Tool, DumpPrintsCertificatesCrlsRequestsAndKeys) {
-  const std::string tool = TESSEL_TOOL_PATH;
-  if (tool.empty()) GTEST_SKIP() << "built without the example program";
-  const std::string leaf = readText(fixture("certs/leaf.dump")), ca = readText(fixture("certs/ca.dump"));
-  ASSERT_FALSE(leaf.empty());
-  auto [pem, pemStatus] = run(tool + " dump " + fixture("certs/leaf.pem"));
-  EXPECT_EQ(pemStatus, 0);
-  EXPECT_EQ(pem, "LABEL: CERTIFICATE\nunknown ext id=1.2.3.4.5, critical: 0\n" + leaf);
-  auto [der, derStatus] = run(tool + " dump " + fixture("certs/leaf.der"));
-  EXPECT_EQ(derStatus, 0);
-  EXPECT_EQ(der, "unknown ext id=1.2.3.4.5, critical: 0\n" + leaf);
-  auto [chain, chainStatus] = run(tool + " dump " + fixture("certs/chain.pem"));
-  EXPECT_EQ(chain, "LABEL: CERTIFICATE\nunknown ext id=1.2.3.4.5, critical: 0\nLABEL: PRIVATE KEY\n"
-                   "LABEL: CERTIFICATE\n" + leaf + ca);
-  EXPECT_EQ(run(tool + " dump " + fixture("certs/crl.der")).first, readText(fixture("certs/crl.dump")));
-  EXPECT_EQ(run(tool + " dump " + fixture("certs/req.pem")).first,
-            "unknown attribute 2a:86:48:86:f7:0d:01:09:02\n" + readText(fixture("certs/req.dump")));
+TEST_F(Tool, DumpPrintsCertificatesCrlsRequestsAndKeys) {
+  const std::string leaf = fixtureText("certs/leaf.dump"), ca = fixtureText("certs/ca.dump");
+  const std::string unknownExt = "unknown ext id=1.2.3.4.5, critical: 0\n";
+  auto dump = [&](const std::string& file) { return run(tool + " dump " + fixturePath(file)); };
+  EXPECT_EQ(dump("certs/leaf.pem"), std::make_pair("LABEL: CERTIFICATE\n" + unknownExt + leaf, 0));
+  EXPECT_EQ(dump("certs/leaf.der"), std::make_pair(unknownExt + leaf, 0));
+  EXPECT_EQ(dump("certs/chain.pem").first,
+            "LABEL: CERTIFICATE\n" + unknownExt + "LABEL: PRIVATE KEY\nLABEL: CERTIFICATE\n" + leaf + ca);
+  EXPECT_EQ(dump("certs/crl.der").first, fixtureText("certs/crl.dump"));
+  EXPECT_EQ(dump("certs/req.pem").first,
+            "unknown attribute 2a:86:48:86:f7:0d:01:09:02\n" + fixtureText("certs/req.dump"));
   // Keys: the legacy encrypted one needs its password.
-  std::string password = readText(fixture("keys/PASSWORD"));
+  std::string password = fixtureText("keys/PASSWORD");
   password.erase(password.find_last_not_of('\n') + 1);
-  auto [key, keyStatus] =
-      run(tool + " dump " + fixture("keys/rsa2048.legacy-aes256.pem") + " --password " + password);
+  auto [key, keyStatus] = dump("keys/rsa2048.legacy-aes256.pem --password " + password);
   EXPECT_EQ(keyStatus, 0);
   EXPECT_TRUE(key.starts_with("[RSA-PRIVATE]\nmodulus: ")) << key;
-  EXPECT_EQ(run(tool + " dump " + fixture("keys/rsa2048.legacy-aes256.pem") + " 2>/dev/null").second, 1);
-  EXPECT_TRUE(run(tool + " dump " + fixture("keys/rsa1024.pub.pem")).first.starts_with("[RSA-PUBLIC]\n"));
+  EXPECT_EQ(dump("keys/rsa2048.legacy-aes256.pem 2>/dev/null").second, 1);
+  EXPECT_TRUE(dump("keys/rsa1024.pub.pem").first.starts_with("[RSA-PUBLIC]\n"));
   EXPECT_EQ(run(tool + " dump /nonexistent 2>/dev/null").second, 1);
   EXPECT_EQ(run(tool + " dump 2>/dev/null").second, 2);
 }
 
-}  // namespace
 
-namespace {
-
-TEST(Tool, VerifyValidatesTheExampleChainAndRejectsTheBrokenOne) {
-  const std::string tool = TESSEL_TOOL_PATH;
-  if (tool.empty()) GTEST_SKIP() << "built without the example program";
+TEST_F(Tool, VerifyValidatesTheExampleChainAndRejectsTheBrokenOne) {
   const std::string root = "/usr/share/ca-certificates/mozilla/ISRG_Root_X1.crt";
   if (!std::ifstream(root)) GTEST_SKIP() << "ca-certificates is not installed";
   const std::string examples = std::string(TESSEL_SOURCE_DIR) + "/examples/";
@@ -114,7 +91,7 @@ TEST(Tool, VerifyValidatesTheExampleChainAndRejectsTheBrokenOne) {
   // The same anchor from a certificate-manager store instead of a file.
   {
     tessel::test::TempRoot cerm;
-    auto anchor = tessel::readCertFromStr(readText(root));
+    auto anchor = tessel::readCertFromStr(ol::readFile(root));
     ASSERT_TRUE(anchor);
     ol::message entry;
     entry.set(ol::bool_id{0x0C}, true);
