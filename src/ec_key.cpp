@@ -5,6 +5,8 @@
 
 #include "tessel/factory.h"
 #include "tessel/hash.h"
+#include "tessel/reducer.h"
+#include "tessel/rng.h"
 
 namespace tessel {
 
@@ -40,6 +42,27 @@ BigNum bits2int(asn1::blob hash, const BigNum& n) {
   const unsigned hashBits = static_cast<unsigned>(hash.size()) * 8, orderBits = n.bits();
   if (hashBits > orderBits) e >>= hashBits - orderBits;
   return e;
+}
+
+// The curve multiplication and the inversion take time that follows the bits of their
+// operands, and a nonce whose leading bits leak, signature after signature, gives the key away
+// (lattice attacks). Secret scalars therefore never reach them as they are: the results stay
+// exactly the same, only the values the work depends on are randomised.
+
+// blinded returns k + r·n for a fresh random r of exactly 64 bits: the same multiple of any
+// point of order n, with a bit length and pattern that say nothing about k.
+BigNum blinded(const BigNum& k, const BigNum& n) {
+  unsigned char buf[8] = {1};
+  getDefaultRng().generate(buf, sizeof buf);  // the default source always delivers
+  buf[0] |= 0x80;
+  return k + BigNum(asn1::blob(buf, sizeof buf)) * n;
+}
+
+// inverseBlinded returns k⁻¹ mod n as b·(k·b)⁻¹ for a random b, so the inversion sees k·b.
+BigNum inverseBlinded(const BigNum& k, const BigNum& n) {
+  BigNum b(1u);
+  if (!randomBigNum(&b, n - BigNum(1u), getDefaultRng())) b = BigNum(1u);
+  return mod(invByMod(mod(k * b, n), n) * b, n);
 }
 
 void writeHex(std::ostream& out, const std::vector<unsigned char>& bytes) {
@@ -144,7 +167,7 @@ bool EcPrivateKey::setPrivateKey(Curve c, const BigNum& scalar) {
   CurveMath m(c);
   if (scalar.isZero() || scalar >= m.n) return false;
   d = scalar;
-  Q = m.w.toEC(m.w.mul(d, m.w.fromEC(m.G)));
+  Q = m.w.toEC(m.w.mul(blinded(d, m.n), m.w.fromEC(m.G)));
   return true;
 }
 
@@ -216,8 +239,8 @@ std::vector<unsigned char> EcPrivateKey::signHashed(unsigned hashId, asn1::blob 
     }
     const BigNum k = bits2int(asn1::blob(t.data(), rlen), m.n);
     if (!k.isZero() && k < m.n) {
-      const BigNum r = mod(m.w.toEC(m.w.mul(k, m.w.fromEC(m.G))).x, m.n);
-      const BigNum s = mod(invByMod(k, m.n) * mod(e + r * d, m.n), m.n);
+      const BigNum r = mod(m.w.toEC(m.w.mul(blinded(k, m.n), m.w.fromEC(m.G))).x, m.n);
+      const BigNum s = mod(inverseBlinded(k, m.n) * mod(e + r * d, m.n), m.n);
       if (!r.isZero() && !s.isZero()) {
         DerEncoder enc;
         enc.sequence([&](DerEncoder& seq) {
@@ -235,7 +258,7 @@ std::vector<unsigned char> EcPrivateKey::signHashed(unsigned hashId, asn1::blob 
 std::vector<unsigned char> EcPrivateKey::deriveSharedSecret(const EcPublicKey& peer) const {
   if (peer.curve != curve) return {};
   CurveMath m(curve);
-  WCurve::Point P = m.w.mul(d, m.w.fromEC(peer.Q));
+  WCurve::Point P = m.w.mul(blinded(d, m.n), m.w.fromEC(peer.Q));
   if (P.isInfinity()) return {};
   return m.w.toEC(std::move(P)).x.bin(getModLen(curve));
 }
