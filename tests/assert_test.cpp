@@ -5,7 +5,8 @@ namespace {
 
 TEST(Assert, ReportedFileNames) {
   using tessel::detail::reportedSourceName;
-  EXPECT_EQ(reportedSourceName("/work/main/src/bignum.cpp"), "bignum.cpp");
+  EXPECT_EQ(reportedSourceName("/work/main/src/bignum/bignum.cpp"), "bignum.cpp");
+  EXPECT_EQ(reportedSourceName("src/cipher/cbc.cpp"), "cbc.cpp");
   EXPECT_EQ(reportedSourceName("src/cbc.cpp"), "cbc.cpp");
   EXPECT_EQ(reportedSourceName("/work/main/include/tessel/blob.h"), "../include/tessel/blob.h");
   EXPECT_EQ(reportedSourceName("/a/src/x/include/tessel/gcm.h"), "../include/tessel/gcm.h");

@@ -9,6 +9,7 @@
 #include "tessel/assert.h"
 #include "tessel/cipher.h"
 #include "tessel/hash.h"
+#include "tessel/secret.h"
 
 namespace tessel {
 
@@ -66,7 +67,7 @@ class EncryptThenMacCipher : public Cipher {
     unsigned char control[32];
     TESSEL_ASSERT(hlen <= sizeof(control));
     mac_->digest(control);
-    return detail::constantTimeEqual(control, in + body, hlen) ? body : decryptFailed;
+    return constantTimeEqual({control, hlen}, {in + body, hlen}) ? body : decryptFailed;
   }
 
  private:

@@ -104,9 +104,4 @@ class CTR128Cipher : public ModeCipher {
                    unsigned char* out) override;
 };
 
-namespace detail {
-// constantTimeEqual compares `len` bytes without an early exit.
-bool constantTimeEqual(const unsigned char* a, const unsigned char* b, unsigned len);
-}  // namespace detail
-
 }  // namespace tessel

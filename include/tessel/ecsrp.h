@@ -1,4 +1,4 @@
-// EC-SRP client: a password-authenticated key exchange over curve25519 (curve25519.h), with an
+// EC-SRP client: a password-authenticated key exchange over curve25519 (curve25519_weierstrass.h), with an
 // SRP mode (49-byte server message) and an MS-CHAPv2 mode (33-byte server message).
 #pragma once
 
@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tessel/bignum.h"
-#include "tessel/curve25519.h"
+#include "tessel/curve25519_weierstrass.h"
 
 namespace tessel {
 

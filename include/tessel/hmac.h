@@ -1,4 +1,4 @@
-// HMAC (RFC 2104) over any Hash, and the HKDF key derivation (RFC 5869) built on it.
+// HMAC (RFC 2104) over any Hash. The key derivations built on it: tessel/hkdf.h, tessel/pbkdf2.h.
 #pragma once
 
 #include <string_view>
@@ -40,23 +40,8 @@ class HMAC : public Hash {
   unsigned keyLen_;
 };
 
-// HKPDF_Expand derives `length` bytes from the pseudo-random key `prk` and `info` with HMAC
-// over `h` (RFC 5869 section 2.3). The block counter is a single byte and is not checked:
-// more than 255 blocks wrap it to 0, a behaviour kept for compatibility with derived keys
-// already in use. `h` must be at a message boundary.
-std::vector<unsigned char> HKPDF_Expand(Hash& h, const unsigned char* info, unsigned infoLen,
-                                        const unsigned char* prk, unsigned prkLen, unsigned length);
-
-// HKPDF extracts a pseudo-random key from `ikm` under `salt` and expands it with `info` to
-// `length` bytes (RFC 5869). Note the argument order: salt, info, then the keying material. An
-// empty salt acts as the RFC's default salt of zero bytes.
-std::vector<unsigned char> HKPDF(Hash& h, const std::vector<unsigned char>& salt,
-                                 const std::vector<unsigned char>& info,
-                                 const std::vector<unsigned char>& ikm, unsigned length);
-
-// pbkdf2 derives `length` bytes from `password` and `salt` with `iterations` rounds of HMAC over
-// `h` (PBKDF2, RFC 8018 section 5.2). `h` must be at a message boundary; it is left at one.
-std::vector<unsigned char> pbkdf2(Hash& h, std::string_view password, const unsigned char* salt, unsigned saltLen,
-                                  unsigned iterations, unsigned length);
-
 }  // namespace tessel
+
+// Kept so that hosts including hmac.h for the key derivations still build.
+#include "tessel/hkdf.h"
+#include "tessel/pbkdf2.h"
