@@ -89,10 +89,10 @@ TEST(ECPointTest, OctetStringEdgeCases) {
 
 TEST(ECPointDeathTest, EncodingALongCoordinateAborts) {
   const ECPoint wideX{BigNum(0x10000u), BigNum(1u)}, wideY{BigNum(1u), BigNum(0x10000u)};
-  EXPECT_DEATH(wideX.toBin(2, false),
-               "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\", line [0-9]+, function: toBin");
-  for (bool compressed : {true, false})
-    EXPECT_DEATH((compressed ? wideX : wideY).toBin(2, compressed), "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\"");
+  // x is checked at line 48, y at line 53: the lines hosts' crash reports quote.
+  EXPECT_DEATH(wideX.toBin(2, false), "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\", line 48, function: toBin");
+  EXPECT_DEATH(wideX.toBin(2, true), "failed: file \"ec.cpp\", line 48, function: toBin");
+  EXPECT_DEATH(wideY.toBin(2, false), "failed: file \"ec.cpp\", line 53, function: toBin");
 }
 
 TEST(WCurveTest, GroupEdgeCases) {

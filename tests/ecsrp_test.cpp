@@ -36,6 +36,8 @@ TEST(Curve25519, AgreesWithX25519Ladder) {
 
 TEST(Curve25519, EncodingAndGroupOrder) {
   const Curve25519& c = curve();
+  EXPECT_EQ(Curve25519::getMod().str(), "7fffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffed");
+  EXPECT_EQ(&Curve25519::getMod(), &Mod25519Reducer().mod()) << "one modulus object for every reducer";
   const auto G = c.generator();
   ASSERT_TRUE(c.isValid(G));
   Bytes g = c.toBin(G);

@@ -37,6 +37,36 @@ TEST_P(DigestVectors, KnownAnswers) {
 
 INSTANTIATE_TEST_SUITE_P(Kat, DigestVectors, testing::Values("kat/md4.json", "kat/md5.json", "kat/sha.json"));
 
+// A digest written against HashImpl with only init and transform: it records every block it is
+// given, so the test sees that all the message's bytes and the padding pass through transform,
+// whatever the split of the input.
+class BlockRecorder : public HashImpl {
+ public:
+  unsigned blockLength() const override { return 64; }
+  unsigned digestLength() const override { return 0; }
+  void digest(unsigned char*) override { finish(false); }
+  Bytes seen;
+
+ protected:
+  void init() override { seen.clear(); }
+  void transform() override { seen.insert(seen.end(), buffer_, buffer_ + 64); }
+};
+
+TEST(Digest, DerivedWithOnlyInitAndTransformSeesEveryByte) {
+  test::TestRng rng(0x70e);
+  for (std::size_t len : {0, 1, 55, 56, 63, 64, 65, 128, 1000}) {
+    const Bytes msg = rng.bytes(len);
+    // Merkle-Damgard padding: 0x80, zeros to 56 mod 64, the bit length big-endian.
+    Bytes padded = msg;
+    padded.push_back(0x80);
+    while (padded.size() % 64 != 56) padded.push_back(0);
+    for (int i = 7; i >= 0; --i) padded.push_back(static_cast<unsigned char>(uint64_t{len} * 8 >> (8 * i)));
+    BlockRecorder h;
+    digestBySplits(h, msg, test::randomSplits(rng, len));
+    EXPECT_EQ(toHex(h.seen), toHex(padded)) << len;
+  }
+}
+
 TEST(Digest, ConstantsPerAlgorithm) {
   struct Row {
     unsigned id, block, length, field;

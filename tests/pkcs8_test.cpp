@@ -143,14 +143,15 @@ TEST(Pkcs8, OneAsymmetricKeyShapes) {
 }
 
 // pbes2Alg builds the PBES2 AlgorithmIdentifier for hand-made parameter sets.
-AlgorithmIdentifier pbes2Alg(const std::string& prf, const std::string& cipherOid, const Bytes& iv) {
+AlgorithmIdentifier pbes2Alg(const std::string& prf, const std::string& cipherOid, const Bytes& iv,
+                             unsigned iterations = 10) {
   DerEncoder e;
   e.sequence([&](DerEncoder& p) {
     p.sequence([&](DerEncoder& kdf) {
       kdf.addOid(asn1::blob(fromHex("2a864886f70d01050c")));
       kdf.sequence([&](DerEncoder& kp) {
         kp.addOctetString(asn1::blob(fromHex("0102030405060708")));
-        kp.addInt(2, 10u);
+        kp.addInt(2, iterations);
         if (!prf.empty()) kp.sequence([&](DerEncoder& a) { a.addOid(asn1::blob(fromHex(prf))); });
       });
     });
@@ -169,15 +170,18 @@ TEST(Pkcs8, Pbes2ParameterRules) {
     std::size_t ivLen;
     bool ok;
     const char* printed;
+    unsigned iterations = 10;
   };
   const Row rows[] = {
       {"", aes128, 16, true, ""},  {sha256, des3, 8, true, ""},  {sha256, des3, 16, false, ""},
       {sha256, aes128, 8, false, ""},
       {"2a864886f70d020a", aes128, 16, false, "unsupported PBES2 KDF: <1.2.840.113549.2.10>\n"},
-      {sha256, "608648016503040106", 16, false, "PBES2: unimplemented cipher: <2.16.840.1.101.3.4.1.6>\n"}};
+      {sha256, "608648016503040106", 16, false, "PBES2: unimplemented cipher: <2.16.840.1.101.3.4.1.6>\n"},
+      {sha256, aes128, 16, false, "PKCS8: unsupported iteration count: <0>\n", 0},
+      {sha256, aes128, 16, false, "PKCS8: unsupported iteration count: <16777217>\n", 16777217}};
   const Bytes secret = test::bytesOf("the key material");
   for (const Row& r : rows) {
-    AlgorithmIdentifier alg = pbes2Alg(r.prf, r.cipher, Bytes(r.ivLen, 7));
+    AlgorithmIdentifier alg = pbes2Alg(r.prf, r.cipher, Bytes(r.ivLen, 7), r.iterations);
     Bytes sealed, opened;
     bool ok = false;
     EXPECT_EQ(test::said([&] { ok = pbes2_crypt(alg, "pw", asn1::blob(secret), sealed, true); }), r.printed) << r.cipher;

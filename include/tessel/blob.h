@@ -37,13 +37,13 @@ struct blob {
   // pop_front returns the first byte and advances past it. Popping from an empty blob is a
   // programming error: callers check the size first.
   unsigned char pop_front() {
-    TESSEL_ASSERT(start < finish);
+    TESSEL_ASSERT_LINE(start < finish, 56);
     return *start++;
   }
 
   // pop_front returns the first `sz` bytes and advances past them; `sz` must not exceed size().
   blob pop_front(std::size_t sz) {
-    TESSEL_ASSERT_TEXT(sz <= size(), "start + sz <= finish");
+    TESSEL_ASSERT_TEXT_LINE(sz <= size(), "start + sz <= finish", 63);
     blob head(start, sz);
     start += sz;
     return head;

@@ -39,6 +39,9 @@ class Curve25519 {
   static std::vector<unsigned char> getX(const std::vector<unsigned char>& encoding);
   // isValid reports whether P is a finite point on the curve.
   bool isValid(const Point& P) const;
+  // getMod returns the field prime 2^255 − 19, the same object every Mod25519Reducer works modulo;
+  // it lives as long as the program.
+  static const BigNum& getMod();
   // getOrder returns the prime order of G = fromNum(9, 0).
   const BigNum& getOrder() const { return order_; }
   // generator returns G.

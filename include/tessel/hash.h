@@ -66,11 +66,14 @@ class HashImpl : public Hash {
  protected:
   // init loads the initial chaining state of the algorithm.
   virtual void init() = 0;
-  // transform compresses the one full block held in the buffer.
-  virtual void transform() { compressBlocks(buffer_, 1); }
-  // compressBlocks compresses `count` consecutive full blocks starting at `blocks`. update()
-  // hands whole blocks straight from the caller's data to it, skipping the buffer.
-  virtual void compressBlocks(const unsigned char* blocks, std::size_t count) = 0;
+  // transform compresses the one full block held in the buffer. A digest derived from HashImpl
+  // needs only init and transform.
+  virtual void transform() = 0;
+  // compressBlocks compresses `count` consecutive full blocks starting at `blocks`; update()
+  // hands whole blocks of the caller's data to it. The default copies each block into the buffer
+  // and calls transform, so every byte still goes through transform; the library's own digests
+  // override it to compress straight from the caller's data.
+  virtual void compressBlocks(const unsigned char* blocks, std::size_t count);
   // finish appends the padding and the bit length (little-endian words for MD4/MD5,
   // big-endian for the SHA family), compresses the last block(s) and resets the counter so
   // the next update() starts a new message.
@@ -90,6 +93,7 @@ class MD4 : public HashImpl {
 
  protected:
   void init() override;
+  void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
 
  private:
@@ -106,6 +110,7 @@ class MD5 : public HashImpl {
 
  protected:
   void init() override;
+  void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
 
  private:
@@ -122,6 +127,7 @@ class SHA1 : public HashImpl {
 
  protected:
   void init() override;
+  void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
 
  private:
@@ -138,6 +144,7 @@ class SHA256 : public HashImpl {
 
  protected:
   void init() override;
+  void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
 
  private:
@@ -156,6 +163,7 @@ class SHA512 : public HashImpl {
 
  protected:
   void init() override;
+  void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
 
   std::uint64_t state_[8];

@@ -129,6 +129,8 @@ BigNum expByMod(const BigNum& a, const BigNum& e, const BigNum& m);
 
 // randomBigNum draws *out uniformly from [1, max] by rejection, up to 100 draws. It returns
 // false when `rng` fails (at once) or when every draw was rejected (*out holds the last one).
-bool randomBigNum(BigNum* out, const BigNum& max, Rng& rng);
+// The source is taken by const reference, as hosts' callers pass it; drawing from it is still
+// a call of its (non-const) generate.
+bool randomBigNum(BigNum* out, const BigNum& max, const Rng& rng);
 
 }  // namespace tessel

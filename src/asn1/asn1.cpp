@@ -85,8 +85,11 @@ blob parser::takeElement() {
 
 bool parser::skipIf(std::uint32_t t) { return tag == t ? next() : false; }
 
+// takeUInt and takeString read the value before stepping, so a malformed element after the
+// current one still leaves the value read (the step's failure shows in the parser's state).
 std::uint32_t parser::takeUInt() {
-  blob c = takeContent();
+  const blob c = content;
+  next();
   if (c.size() > 4) return 0;
   std::uint32_t v = 0;
   for (unsigned char b : c) v = (v << 8) | b;
@@ -107,7 +110,8 @@ bool parser::takeBool() {
 }
 
 std::string parser::takeString() {
-  blob c = takeContent();
+  const blob c = content;
+  next();
   return std::string(c.begin(), c.end());
 }
 

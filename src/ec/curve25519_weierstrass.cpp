@@ -13,12 +13,6 @@ BigNum mod(const BigNum& a, const BigNum& m) {
   return r;
 }
 
-BigNum prime25519() {
-  BigNum p;
-  p.setBit(255, true);
-  return p - BigNum(19u);
-}
-
 // The Weierstrass coefficients from A: a = (3 − A²)/3, b = (2A³ − 9A)/27, both mod p.
 BigNum coefficientA(const BigNum& p) {
   const BigNum A(486662u), three(3u);
@@ -41,8 +35,13 @@ BigNum order25519() {
 
 }  // namespace
 
+const BigNum& Curve25519::getMod() {
+  static const Mod25519Reducer reducer;
+  return reducer.mod();
+}
+
 Curve25519::Curve25519()
-    : p_(prime25519()),
+    : p_(getMod()),
       a_(coefficientA(p_)),
       b_(coefficientB(p_)),
       order_(order25519()),

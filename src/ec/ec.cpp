@@ -39,11 +39,11 @@ std::vector<unsigned char> ECPoint::toBin(unsigned len, bool compressed) const {
   out.reserve(2 * len + 1);
   out.push_back(compressed ? 0x02 + (y.isOdd() ? 1 : 0) : 0x04);
   std::vector<unsigned char> tmp = x.bin(len);
-  TESSEL_ASSERT(tmp.size() == len);
+  TESSEL_ASSERT_LINE(tmp.size() == len, 48);
   out.insert(out.end(), tmp.begin(), tmp.end());
   if (compressed) return out;
   tmp = y.bin(len);
-  TESSEL_ASSERT(tmp.size() == len);
+  TESSEL_ASSERT_LINE(tmp.size() == len, 53);
   out.insert(out.end(), tmp.begin(), tmp.end());
   return out;
 }

@@ -61,6 +61,14 @@ Hash& HashImpl::update(const void* data, unsigned len) {
   return *this;
 }
 
+void HashImpl::compressBlocks(const unsigned char* blocks, std::size_t count) {
+  const unsigned block = blockLength();
+  for (std::size_t i = 0; i < count; ++i) {
+    std::memcpy(buffer_, blocks + i * block, block);
+    transform();
+  }
+}
+
 void HashImpl::finish(bool littleEndian) {
   if (counter_ == 0) init();
   const unsigned block = blockLength();
