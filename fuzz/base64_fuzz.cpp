@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ol/base64.h"
+#include "quiet_stdout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const char* text = reinterpret_cast<const char*>(data);

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "tessel/asn1.h"
+#include "quiet_stdout.h"
 
 namespace {
 

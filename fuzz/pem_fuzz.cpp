@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "tessel/pem.h"
+#include "quiet_stdout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string password = size && (data[0] & 1) ? "tessel-fixture" : "wrong";

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "tessel/req.h"
+#include "quiet_stdout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   tessel::X509Req req;

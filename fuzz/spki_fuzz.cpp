@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "tessel/pkcs8.h"
+#include "quiet_stdout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   auto key = tessel::parsePkcs8PublicKey(tessel::asn1::blob(data, size));

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "ol/store.h"
+#include "quiet_stdout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::span<const unsigned char> in(data, size);

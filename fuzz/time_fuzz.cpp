@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "tessel/timepoint.h"
+#include "quiet_stdout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   tessel::asn1::parser p(tessel::asn1::blob(data, size));

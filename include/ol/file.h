@@ -6,6 +6,7 @@
 // another folder. Paths that callers pass in (a certificate file, say) are used as given.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -30,5 +31,13 @@ bool readFile(std::string& out, std::string_view path, long long maxSize = -1, l
 
 // readFile returns the whole file at `path`, or an empty string if it cannot be read.
 std::string readFile(std::string_view path);
+
+// readRegularFile replaces `out` with the whole content of the regular file at `path`, for files
+// anyone could have placed in a folder the library scans (store entries, CA and CRL files). It
+// never opens anything else for reading: a FIFO, device or socket is "not a regular file", as is
+// a symbolic link when `followLinks` is false; a file longer than `maxSize` bytes is "too
+// large"; a folder, a missing file or a read error is "unreadable". It returns null on success,
+// otherwise that static text with `out` left empty.
+const char* readRegularFile(std::string& out, std::string_view path, std::size_t maxSize, bool followLinks);
 
 }  // namespace ol

@@ -8,8 +8,8 @@
 // makes subfolders). Every entry is one file named by its id as exactly eight lower-case hex
 // digits ("0000002a"); the state word is the file "state", encoded like an entry with id
 // 0xFFFFFFFF whose message holds the word as u32 field 0 (no file: the word is 0xFFFFFFFF).
-// Any other name in the folder (the temporary files of unfinished writes, "<file>.<pid>.tmp",
-// and the subfolders of other stores) is ignored. An entry file is
+// Any other name in the folder (the temporary files of unfinished writes and the subfolders of
+// other stores) is ignored. An entry file is
 //
 //   offset 0   4 bytes   magic "olm1"
 //   offset 4   u32       entry id (must match the file name)
@@ -25,12 +25,23 @@
 //
 // Writes are atomic: the new file is written beside the old one under a temporary name,
 // flushed to disk, renamed over the old one and the folder flushed, so a crash leaves the old
-// entry or the new one. A corrupt entry is reported on one line on standard output and left
-// out, never stopping the others from loading.
+// entry or the new one. The temporary name is unique to the write, "<file>.<pid>.<tid>.<n>.tmp"
+// (n counts the process's writes), so that writers never share one; older firmware wrote
+// "<file>.<pid>.tmp". A folder created for a store is flushed into its parent before the
+// first entry is written into it.
+//
+// Loading reads only regular files of at most maxEntryFile bytes: a FIFO, device, socket,
+// folder or symbolic link named like an entry is never opened for reading. Whatever cannot be
+// read as a sound entry is reported on one line on standard output ("[ERR] store N: skipped
+// <file>: <fault>"), left out and remembered as damaged, never stopping the others from
+// loading. Opening a store also deletes the temporary files that no write will ever finish
+// (see Store::Store).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -153,16 +164,33 @@ class Allocator {
   const entries* entries_;
 };
 
+// Presence tells an entry that was never written (or was removed) from one whose file exists but
+// could not be loaded. Callers that decide security settings from an entry must treat a damaged
+// one as hostile, not as the default an absent one stands for.
+enum class Presence { absent, present, damaged };
+
 // Store is one named store, read whole when constructed. Reads see the snapshot taken then
 // plus this object's own writes. Not synchronised: one thread at a time.
 class Store {
  public:
   // initialState is the state word of a store that was never given one.
   static constexpr std::uint32_t initialState = 0xFFFFFFFF;
+  // maxEntryFile bounds an entry file (and the state file): larger ones are damaged and put
+  // refuses to write them. Entries hold settings, certificates and their CRL addresses, a few
+  // KB each; 4 MiB leaves room for any of them and keeps a hostile file from filling the
+  // memory of a small appliance.
+  static constexpr std::size_t maxEntryFile = std::size_t{4} << 20;
+  // staleTemporaryAge is the age in seconds past which a temporary file is deleted whoever
+  // wrote it. A write keeps its temporary for milliseconds, so an hour-old one is abandoned
+  // even when its writer's process id is alive (reused, or in another pid namespace).
+  static constexpr long staleTemporaryAge = 3600;
 
   // Store opens the store `name` and loads every sound entry; a store that does not exist is
   // simply empty. A name with an empty, "." or ".." component is refused: the store stays
-  // empty and every write fails.
+  // empty and every write fails. Opening deletes the store's temporary files that no write can
+  // still finish: those whose writer process is provably gone (its process id names no process)
+  // and those older than staleTemporaryAge. Only regular files named exactly like a temporary
+  // of this store are considered.
   explicit Store(std::string_view name);
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
@@ -173,11 +201,21 @@ class Store {
   std::uint32_t state() const { return state_; }
   // allocator returns the view over the ids in use (begin/end in ascending order).
   const Allocator& allocator() const { return allocator_; }
-  // get returns entry `id`, or an empty message when there is none.
+  // get returns entry `id`, or an empty message when there is none (absent or damaged).
   const message& get(std::uint32_t id) const;
+  // lookup tells whether entry `id` is present, absent or damaged (its file was skipped when
+  // the store was loaded). A successful put or remove of the entry ends the damage.
+  Presence lookup(std::uint32_t id) const;
+  // stateLookup tells the same of the state word: damaged when its file was skipped, and
+  // state() is then initialState.
+  Presence stateLookup() const { return statePresence_; }
+  // damaged returns the ids of the damaged entries in ascending order (the state file is not
+  // among them).
+  const std::set<std::uint32_t>& damaged() const { return damaged_; }
 
   // put stores `m` as entry `id`, replacing any old one, atomically on disk. False when the
-  // disk write fails; the entry (on disk and here) is then unchanged.
+  // disk write fails or the entry file would exceed maxEntryFile; the entry (on disk and here)
+  // is then unchanged.
   bool put(std::uint32_t id, const message& m);
   // remove deletes entry `id`; true when it is gone afterwards (also when it never existed).
   bool remove(std::uint32_t id);
@@ -186,12 +224,15 @@ class Store {
 
  private:
   void load();
+  void removeStaleTemporary(int dirFd, const char* file);
   bool writeFile(const std::string& file, const std::vector<unsigned char>& bytes);
 
   std::string name_;
   std::string dir_;  // empty when the name is refused
   std::uint32_t state_ = initialState;
+  Presence statePresence_ = Presence::absent;
   Allocator::entries entries_;
+  std::set<std::uint32_t> damaged_;
   Allocator allocator_{entries_};
 };
 

@@ -4,7 +4,9 @@
 
 #include <array>
 #include <cstdint>
+#include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,11 +33,19 @@ class CertificateStore {
 };
 
 // CertificateMemoryStore keeps certificates and CRLs in memory, in load order. Loads only
-// append: duplicates are kept and nothing is ever replaced.
+// append: duplicates are kept and nothing is ever replaced. The lookups index both lists by
+// issuer name and key identifier on first use and take in later appends, whether made by a
+// load or directly; entries must not be replaced or edited in place once looked up (a store
+// whose lists shrink or start differently is indexed afresh).
 class CertificateMemoryStore : public CertificateStore {
  public:
   std::vector<std::shared_ptr<X509Certificate>> certificates;
   std::vector<std::shared_ptr<X509Crl>> crls;
+
+  // maxFileSize bounds a CA or CRL file read from a folder: larger ones are skipped. It is far
+  // above any CA bundle or CRL the appliance is given, and keeps a hostile file from filling
+  // its memory.
+  static constexpr std::size_t maxFileSize = std::size_t{32} << 20;
 
   // cloudSuffixes are the two domain suffixes (20 bytes each, starting with a dot) of the
   // vendor cloud service whose Let's Encrypt entries keep the built-in anchors switched on in
@@ -46,8 +56,9 @@ class CertificateMemoryStore : public CertificateStore {
   // one was read; false, with nothing appended, otherwise.
   bool loadFromStr(std::string_view text);
   // loadFromDir tries every entry of the directory `dir` as a certificate file and, when
-  // `withCrls` is set, as a CRL file when it is not a certificate. False only when the
-  // directory cannot be opened ("[ERR] opendir: " and the system error are printed).
+  // `withCrls` is set, as a CRL file when it is not a certificate. Only regular files of at most
+  // maxFileSize bytes are read (links to them are followed); anything else is passed over. False
+  // only when the directory cannot be opened ("[ERR] opendir: " and the system error are printed).
   bool loadFromDir(std::string_view dir, bool withCrls);
   // loadFromCerm loads the certificate manager's entries usable for any bit of `useMask` (or
   // all usable entries when `all` is set), the built-in CA directory when the configured trust
@@ -57,6 +68,22 @@ class CertificateMemoryStore : public CertificateStore {
   std::shared_ptr<X509Certificate> findIssuer(const DistinguishedName& issuer,
                                               const asn1::blob& authorityKeyId) const override;
   std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const override;
+
+ private:
+  struct Index;
+  // IndexSlot holds the lookup index, built on first use under its mutex so that a filled store
+  // can be shared between threads. A copied or moved-to store starts without one.
+  struct IndexSlot {
+    IndexSlot();
+    ~IndexSlot();
+    IndexSlot(const IndexSlot&) : IndexSlot() {}
+    IndexSlot& operator=(const IndexSlot&);
+    std::unique_ptr<Index> index;
+    std::mutex mutex;
+  };
+  // refreshedIndex brings the index up to date with the lists; the slot's mutex must be held.
+  Index& refreshedIndex() const;
+  mutable IndexSlot slot_;
 };
 
 }  // namespace tessel

@@ -2,12 +2,16 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 
 #include "ol/file.h"
@@ -177,15 +181,6 @@ bool validName(std::string_view name) {
   return true;
 }
 
-// makeDirs creates `dir` and any missing parents.
-bool makeDirs(const std::string& dir) {
-  for (std::size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
-    std::string part = dir.substr(0, slash);
-    if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    if (slash == std::string::npos) return true;
-  }
-}
-
 bool writeAll(int fd, const std::vector<unsigned char>& bytes) {
   std::size_t done = 0;
   while (done < bytes.size()) {
@@ -204,6 +199,67 @@ bool syncDir(const std::string& dir) {
   bool ok = ::fsync(fd) == 0;
   ::close(fd);
   return ok;
+}
+
+// makeDirs creates `dir` and any missing parents. Each folder it creates is flushed into its
+// parent, so that a new store's first entries do not vanish with their folder in a power cut.
+// The flush is best effort, as is the one after a rename.
+bool makeDirs(const std::string& dir) {
+  for (std::size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+    std::string part = dir.substr(0, slash);
+    if (::mkdir(part.c_str(), 0755) == 0) {
+      std::size_t up = part.rfind('/');
+      syncDir(up == 0 ? std::string("/") : part.substr(0, up));
+    } else if (errno != EEXIST) {
+      return false;
+    }
+    if (slash == std::string::npos) return true;
+  }
+}
+
+// digits reads a run of decimal digits at the front of `s` into `v`, consuming them; false when
+// there is none or the value does not fit an int.
+bool digits(std::string_view& s, long long& v) {
+  std::size_t n = 0;
+  v = 0;
+  while (n < s.size() && s[n] >= '0' && s[n] <= '9') {
+    v = v * 10 + (s[n] - '0');
+    if (++n > 10 || v > 0x7FFFFFFF) return false;
+  }
+  s.remove_prefix(n);
+  return n > 0;
+}
+
+// temporaryWriter reads the name of one of this store's temporary files, "<file>.<pid>.tmp"
+// (older firmware) or "<file>.<pid>.<tid>.<n>.tmp" with <file> an entry name or "state", and
+// returns its writer's process id; 0 for any other name.
+long long temporaryWriter(std::string_view name) {
+  std::uint32_t id;
+  if (name.starts_with(kStateFile) && name.substr(5).starts_with('.'))
+    name.remove_prefix(6);
+  else if (name.size() > 9 && entryId(name.substr(0, 8), id) && name[8] == '.')
+    name.remove_prefix(9);
+  else
+    return 0;
+  long long pid, part;
+  if (!digits(name, pid) || pid <= 0) return 0;
+  if (name.starts_with('.') && name.size() > 1 && name[1] != 't') {
+    name.remove_prefix(1);
+    if (!digits(name, part) || !name.starts_with('.')) return 0;
+    name.remove_prefix(1);
+    if (!digits(name, part)) return 0;
+  }
+  return name == ".tmp" ? pid : 0;
+}
+
+// temporaryName returns a name for a new temporary of `file` that no other write, in this
+// process or another, uses: the pid tells processes apart, the counter the writes of one
+// process, and the thread id says who wrote it when one is found.
+std::string temporaryName(const std::string& file) {
+  static std::atomic<std::uint64_t> writes{0};
+  const long tid = ::syscall(SYS_gettid);
+  return file + "." + std::to_string(::getpid()) + "." + std::to_string(tid) + "." +
+         std::to_string(writes.fetch_add(1, std::memory_order_relaxed)) + ".tmp";
 }
 
 }  // namespace
@@ -282,28 +338,50 @@ void Store::load() {
     std::string_view file = e->d_name;
     std::uint32_t wanted;
     bool isState = file == kStateFile;
-    if (!isState && !entryId(file, wanted)) continue;  // temporary files, other stores
+    if (!isState && !entryId(file, wanted)) {
+      removeStaleTemporary(::dirfd(d), e->d_name);
+      continue;  // temporary files, other stores
+    }
     if (isState) wanted = kStateId;
     std::string bytes;
-    const char* fault = nullptr;
     std::uint32_t id = 0;
     message m;
-    if (!readFile(bytes, dir_ + "/" + std::string(file)))
-      fault = "unreadable";
-    else if ((fault = decodeEntry(bytesOf(bytes), id, m)) == nullptr && id != wanted)
+    // Store files are only ever created by rename as regular files, so a link is foreign too.
+    const char* fault = readRegularFile(bytes, dir_ + "/" + std::string(file), maxEntryFile, false);
+    if (!fault && (fault = decodeEntry(bytesOf(bytes), id, m)) == nullptr && id != wanted)
       fault = "wrong id";
     else if (!fault && isState && !m.has(kStateField))
       fault = "bad fields";
     if (fault) {
       std::cout << "[ERR] store " << name_ << ": skipped " << file << ": " << fault << "\n";
+      if (isState)
+        statePresence_ = Presence::damaged;
+      else
+        damaged_.insert(wanted);
       continue;
     }
-    if (isState)
+    if (isState) {
       state_ = *m.get(kStateField);
-    else
+      statePresence_ = Presence::present;
+    } else {
       entries_.insert_or_assign(id, std::move(m));
+    }
   }
   ::closedir(d);
+}
+
+void Store::removeStaleTemporary(int dirFd, const char* file) {
+  const long long pid = temporaryWriter(file);
+  if (pid == 0) return;
+  struct stat st;
+  if (::fstatat(dirFd, file, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) return;
+  // A process id that names no process proves its writes are over (the writers of one store
+  // share a pid namespace on the appliance). A live id may be a reused one, or a writer in
+  // another namespace: those temporaries wait until they are old enough that no write can be
+  // running on them.
+  const bool writerGone = pid != ::getpid() && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+  const bool old = std::time(nullptr) - st.st_mtime > staleTemporaryAge;
+  if (writerGone || old) ::unlinkat(dirFd, file, 0);
 }
 
 const message& Store::get(std::uint32_t id) const {
@@ -312,11 +390,16 @@ const message& Store::get(std::uint32_t id) const {
   return it == entries_.end() ? none : it->second;
 }
 
+Presence Store::lookup(std::uint32_t id) const {
+  if (entries_.count(id) != 0) return Presence::present;
+  return damaged_.count(id) != 0 ? Presence::damaged : Presence::absent;
+}
+
 bool Store::writeFile(const std::string& file, const std::vector<unsigned char>& bytes) {
-  if (dir_.empty() || !makeDirs(dir_)) return false;
+  if (bytes.size() > maxEntryFile || dir_.empty() || !makeDirs(dir_)) return false;
   std::string path = dir_ + "/" + file;
-  std::string tmp = path + "." + std::to_string(::getpid()) + ".tmp";
-  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  std::string tmp = dir_ + "/" + temporaryName(file);
+  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
   ok = ::close(fd) == 0 && ok;
@@ -334,6 +417,7 @@ bool Store::writeFile(const std::string& file, const std::vector<unsigned char>&
 bool Store::put(std::uint32_t id, const message& m) {
   if (!writeFile(entryName(id), encodeEntry(id, m))) return false;
   entries_.insert_or_assign(id, m);
+  damaged_.erase(id);
   return true;
 }
 
@@ -345,6 +429,7 @@ bool Store::remove(std::uint32_t id) {
   else if (errno != ENOENT)
     return false;
   entries_.erase(id);
+  damaged_.erase(id);
   return true;
 }
 
@@ -353,6 +438,7 @@ bool Store::setState(std::uint32_t w) {
   m.set(kStateField, w);
   if (!writeFile(kStateFile, encodeEntry(kStateId, m))) return false;
   state_ = w;
+  statePresence_ = Presence::present;
   return true;
 }
 

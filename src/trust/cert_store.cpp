@@ -4,23 +4,159 @@
 
 #include <dirent.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <unordered_map>
 
+#include "ol/file.h"
 #include "tessel/pem.h"
 
 namespace tessel {
 
 namespace {
 
+constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
 // keyIdsAgree is true when either identifier is absent or both are the same bytes.
 bool keyIdsAgree(const std::vector<unsigned char>& a, asn1::blob b) {
   return a.empty() || b.empty() || asn1::blob(a) == b;
 }
 
+bool issues(const X509Certificate& cert, const DistinguishedName& issuer, asn1::blob authorityKeyId) {
+  return keyIdsAgree(cert.subjectKeyId, authorityKeyId) && cert.subject == issuer;
+}
+
+bool covers(const X509Crl& crl, const X509Certificate& cert) {
+  return keyIdsAgree(crl.authorityKeyId, cert.authorityKeyId) && crl.issuer == cert.issuer;
+}
+
+// scanIssuer and scanCrl are the lookups by walking the lists, for when the indexed candidate
+// fails the full rule (a bucket hash collision, or an entry edited in place after indexing).
+std::shared_ptr<X509Certificate> scanIssuer(const std::vector<std::shared_ptr<X509Certificate>>& certs,
+                                            const DistinguishedName& issuer, asn1::blob authorityKeyId) {
+  for (const auto& cert : certs)
+    if (cert && issues(*cert, issuer, authorityKeyId)) return cert;
+  return nullptr;
+}
+
+std::shared_ptr<X509Crl> scanCrl(const std::vector<std::shared_ptr<X509Crl>>& crls, const X509Certificate& cert) {
+  // Several lists of one issuer can be loaded (two folders, a re-issue): the newest wins.
+  std::shared_ptr<X509Crl> best;
+  for (const auto& crl : crls) {
+    if (!crl || !covers(*crl, cert)) continue;
+    if (!best || best->thisUpdate < crl->thisUpdate) best = crl;
+  }
+  return best;
+}
+
+// Fnv is the 64-bit FNV-1a hash. Bucket hashes only narrow a lookup down to one candidate,
+// which is then checked against the full rule, so a collision (even a crafted one) costs a walk
+// over the lists, never a wrong answer.
+struct Fnv {
+  std::uint64_t h = 0xcbf29ce484222325u;
+  void add(unsigned char b) { h = (h ^ b) * 0x100000001b3u; }
+};
+
+// nameHash hashes what two names share exactly when they are equal (operator==): each of the
+// seven attributes up to its first NUL byte (where strcasecmp stops), folded by the same
+// tolower as strcasecmp, and ended by a NUL.
+std::uint64_t nameHash(const DistinguishedName& n) {
+  Fnv f;
+  for (const std::string* attr : {&n.C, &n.S, &n.L, &n.O, &n.OU, &n.CN, &n.SerialNumber}) {
+    for (char c : *attr) {
+      if (c == '\0') break;
+      f.add(static_cast<unsigned char>(std::tolower(static_cast<unsigned char>(c))));
+    }
+    f.add(0);
+  }
+  return f.h;
+}
+
+// A bucket is a name and a tag: 'A' holds every entry of the name, 'K' followed by the key
+// identifier the entries that carry that one, 'E' the entries that carry none.
+std::uint64_t anyKeyIdBucket(std::uint64_t name) {
+  Fnv f{name};
+  f.add('A');
+  return f.h;
+}
+std::uint64_t keyIdBucket(std::uint64_t name, asn1::blob keyId) {
+  Fnv f{name};
+  f.add(keyId.empty() ? 'E' : 'K');
+  for (unsigned char b : keyId) f.add(b);
+  return f.h;
+}
+
+// Seen records how much of a list was indexed, and its first and last entries then, which tell
+// when the list was replaced rather than appended to.
+struct Seen {
+  std::size_t count = 0;
+  const void* first = nullptr;
+  const void* last = nullptr;
+
+  template <class T>
+  bool stillValid(const std::vector<std::shared_ptr<T>>& v) const {
+    return v.size() >= count && (count == 0 || (v.front().get() == first && v[count - 1].get() == last));
+  }
+  template <class T>
+  void record(const std::vector<std::shared_ptr<T>>& v) {
+    count = v.size();
+    first = v.empty() ? nullptr : v.front().get();
+    last = v.empty() ? nullptr : v.back().get();
+  }
+};
+
 }  // namespace
+
+// Index maps bucket hashes to list positions so that lookups need not walk the lists: a
+// certificate bucket to its first certificate (the one a walk finds first), a CRL bucket to its
+// newest CRL (the first of equally new ones, as a walk keeps). A lookup takes the best of the
+// buckets the rule allows; if that candidate meets the rule it is the walk's answer too, since
+// every entry the walk could pick lies in one of those buckets, behind its bucket's head.
+struct CertificateMemoryStore::Index {
+  Seen certsSeen, crlsSeen;
+  std::unordered_map<std::uint64_t, std::size_t> firstCert;
+  std::unordered_map<std::uint64_t, std::size_t> newestCrl;
+};
+
+CertificateMemoryStore::IndexSlot::IndexSlot() = default;
+CertificateMemoryStore::IndexSlot::~IndexSlot() = default;
+CertificateMemoryStore::IndexSlot& CertificateMemoryStore::IndexSlot::operator=(const IndexSlot&) {
+  std::lock_guard<std::mutex> lock(mutex);
+  index.reset();
+  return *this;
+}
+
+CertificateMemoryStore::Index& CertificateMemoryStore::refreshedIndex() const {
+  std::unique_ptr<Index>& ix = slot_.index;
+  if (!ix || !ix->certsSeen.stillValid(certificates) || !ix->crlsSeen.stillValid(crls)) ix = std::make_unique<Index>();
+  // Two buckets per entry at most; sizing the maps once spares the rehashing of a big load.
+  ix->firstCert.reserve(2 * certificates.size());
+  ix->newestCrl.reserve(2 * crls.size());
+  for (std::size_t i = ix->certsSeen.count; i < certificates.size(); ++i) {
+    if (!certificates[i]) continue;
+    const X509Certificate& cert = *certificates[i];
+    const std::uint64_t key = nameHash(cert.subject);
+    ix->firstCert.try_emplace(anyKeyIdBucket(key), i);
+    ix->firstCert.try_emplace(keyIdBucket(key, cert.subjectKeyId), i);
+  }
+  ix->certsSeen.record(certificates);
+  auto offerCrl = [&](std::uint64_t bucket, std::size_t i) {
+    auto [it, fresh] = ix->newestCrl.try_emplace(bucket, i);
+    if (!fresh && crls[it->second]->thisUpdate < crls[i]->thisUpdate) it->second = i;
+  };
+  for (std::size_t i = ix->crlsSeen.count; i < crls.size(); ++i) {
+    if (!crls[i]) continue;
+    const std::uint64_t key = nameHash(crls[i]->issuer);
+    offerCrl(anyKeyIdBucket(key), i);
+    offerCrl(keyIdBucket(key, crls[i]->authorityKeyId), i);
+  }
+  ix->crlsSeen.record(crls);
+  return *ix;
+}
 
 bool CertificateMemoryStore::loadFromStr(std::string_view text) {
   auto chain = readCertChain(text);
@@ -37,12 +173,14 @@ bool CertificateMemoryStore::loadFromDir(std::string_view dir, bool withCrls) {
     return false;
   }
   // Entries are tried in the order the system lists them; "." and ".." simply fail to read.
+  // CA folders are often links into a shared collection, so links are followed.
   while (const dirent* entry = readdir(d)) {
-    const std::string path = base + "/" + entry->d_name;
-    if (auto cert = readCertFromFile(path)) {
+    std::string text;
+    if (ol::readRegularFile(text, base + "/" + entry->d_name, maxFileSize, true) != nullptr) continue;
+    if (auto cert = readCertFromStr(text)) {
       certificates.push_back(std::move(cert));
     } else if (withCrls) {
-      if (auto crl = readCrlFromFile(path)) crls.push_back(std::move(crl));
+      if (auto crl = readCrl(text)) crls.push_back(std::move(crl));
     }
   }
   closedir(d);
@@ -51,21 +189,54 @@ bool CertificateMemoryStore::loadFromDir(std::string_view dir, bool withCrls) {
 
 std::shared_ptr<X509Certificate> CertificateMemoryStore::findIssuer(const DistinguishedName& issuer,
                                                                     const asn1::blob& authorityKeyId) const {
-  // The key identifier is the cheaper comparison, so it goes first.
-  for (const auto& cert : certificates) {
-    if (keyIdsAgree(cert->subjectKeyId, authorityKeyId) && cert->subject == issuer) return cert;
+  const std::uint64_t key = nameHash(issuer);
+  std::shared_ptr<X509Certificate> found;
+  {
+    std::lock_guard<std::mutex> lock(slot_.mutex);
+    const Index& ix = refreshedIndex();
+    std::size_t first = kNone;
+    auto consider = [&](std::uint64_t bucket) {
+      if (auto it = ix.firstCert.find(bucket); it != ix.firstCert.end()) first = std::min(first, it->second);
+    };
+    if (authorityKeyId.empty()) {
+      consider(anyKeyIdBucket(key));
+    } else {
+      consider(keyIdBucket(key, authorityKeyId));
+      consider(keyIdBucket(key, asn1::blob()));
+    }
+    if (first == kNone) return nullptr;
+    found = certificates[first];
   }
-  return nullptr;
+  if (found && issues(*found, issuer, authorityKeyId)) return found;
+  return scanIssuer(certificates, issuer, authorityKeyId);
 }
 
 std::shared_ptr<X509Crl> CertificateMemoryStore::findCrl(const X509Certificate& cert) const {
-  // Several lists of one issuer can be loaded (two folders, a re-issue): the newest wins.
-  std::shared_ptr<X509Crl> best;
-  for (const auto& crl : crls) {
-    if (!keyIdsAgree(crl->authorityKeyId, cert.authorityKeyId) || !(crl->issuer == cert.issuer)) continue;
-    if (!best || best->thisUpdate < crl->thisUpdate) best = crl;
+  const std::uint64_t key = nameHash(cert.issuer);
+  std::shared_ptr<X509Crl> found;
+  {
+    std::lock_guard<std::mutex> lock(slot_.mutex);
+    const Index& ix = refreshedIndex();
+    std::size_t best = kNone;
+    auto consider = [&](std::uint64_t bucket) {
+      auto it = ix.newestCrl.find(bucket);
+      if (it == ix.newestCrl.end()) return;
+      const std::size_t at = it->second;
+      if (best == kNone || crls[best]->thisUpdate < crls[at]->thisUpdate ||
+          (at < best && !(crls[at]->thisUpdate < crls[best]->thisUpdate)))
+        best = at;
+    };
+    if (cert.authorityKeyId.empty()) {
+      consider(anyKeyIdBucket(key));
+    } else {
+      consider(keyIdBucket(key, cert.authorityKeyId));
+      consider(keyIdBucket(key, asn1::blob()));
+    }
+    if (best == kNone) return nullptr;
+    found = crls[best];
   }
-  return best;
+  if (found && covers(*found, cert)) return found;
+  return scanCrl(crls, cert);
 }
 
 }  // namespace tessel

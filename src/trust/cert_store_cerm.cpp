@@ -1,5 +1,6 @@
 // Filling a CertificateMemoryStore from the host's certificate manager: its entries, the
 // built-in CA directory as its settings allow, and the CRLs that apply.
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,9 @@ std::uint32_t legacyTrustMask(const ol::Store& cerm) {
   std::uint32_t age = ~cerm.state();
   if (age <= 1) return kDefaultTrustMask;
   if (age > 4) return 0;
+  // A damaged entry may be one the user installed: fail closed.
+  for (std::uint32_t id : cerm.damaged())
+    if (id != 0 && id != kSkippedEntry) return 0;
   bool cloud = false;
   for (std::uint32_t id : cerm.allocator()) {
     if (id == 0 || id == kSkippedEntry) continue;
@@ -91,16 +95,38 @@ const std::vector<unsigned char>* entryDer(const ol::message& m) {
 }
 
 void appendCrlFile(std::vector<std::shared_ptr<X509Crl>>& crls, const std::string& path) {
-  if (std::unique_ptr<X509Crl> crl = readCrl(ol::readFile(path))) crls.push_back(std::move(crl));
+  std::string text;
+  if (ol::readRegularFile(text, path, CertificateMemoryStore::maxFileSize, true) != nullptr) return;
+  if (std::unique_ptr<X509Crl> crl = readCrl(text)) crls.push_back(std::move(crl));
+}
+
+// builtInsDamaged is true when a store entry that decides whether the built-in CAs are trusted
+// is damaged; it says so on standard output. Reading such an entry as absent would fall back to
+// defaults that trust them although the administrator may have switched them off.
+bool builtInsDamaged(const ol::Store& settings, const ol::Store& cerm) {
+  bool damaged = false;
+  if (settings.lookup(0) == ol::Presence::damaged) {
+    std::cout << "[ERR] cert settings damaged: built-in CAs off\n";
+    damaged = true;
+  }
+  if (cerm.stateLookup() == ol::Presence::damaged) {
+    std::cout << "[ERR] cerm state damaged: built-in CAs off\n";
+    damaged = true;
+  }
+  return damaged;
 }
 
 }  // namespace
 
 bool CertificateMemoryStore::loadFromCerm(unsigned useMask, bool all) {
   ol::Store cerm("cerm");
-  ol::message settings = ol::Store("cert/settings").get(0);
+  ol::Store settingsStore("cert/settings");
+  const ol::message& settings = settingsStore.get(0);
+  // Damage switches the built-in CAs off as the administrator can: the uses that always trust
+  // them, and loading everything, still see them.
+  const std::uint32_t trustMask = builtInsDamaged(settingsStore, cerm) ? 0 : builtInTrustMask(settings, cerm);
 
-  if ((useMask & (builtInTrustMask(settings, cerm) | kAlwaysBuiltIn)) != 0 || all)
+  if ((useMask & (trustMask | kAlwaysBuiltIn)) != 0 || all)
     loadFromDir(ol::rootPath("/orlin/etc/ca/"), false);
 
   std::vector<std::uint32_t> caCrlHolders;
