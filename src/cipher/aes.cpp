@@ -134,20 +134,33 @@ constexpr Word rowBits(unsigned r, unsigned c0, unsigned c1) {
   return m;
 }
 
+// kNear[r] and kFar[r] select, in row r, the columns that ShiftRows fills from r columns to the
+// right and those it fills by wrapping around; kInvNear/kInvFar the same for its inverse.
+template <bool inverse>
+struct RowMasks {
+  Word near[4], far[4];
+  constexpr RowMasks() : near{}, far{} {
+    for (unsigned r = 1; r < 4; ++r) {
+      near[r] = inverse ? rowBits(r, r, 4) : rowBits(r, 0, 4 - r);
+      far[r] = inverse ? rowBits(r, 0, r) : rowBits(r, 4 - r, 4);
+    }
+  }
+};
+
 // shiftRows moves row r left by r columns (right by r columns when inverting).
 template <bool inverse>
 inline void shiftRows(Word* q) {
+  static constexpr RowMasks<inverse> m;
+  constexpr Word row0 = rowBits(0, 0, 4);
+  constexpr unsigned b = kBlocks;
   for (unsigned i = 0; i < 8; ++i) {
     const Word x = q[i];
-    Word y = x & rowBits(0, 0, 4);
-    for (unsigned r = 1; r < 4; ++r) {
-      const unsigned near = kBlocks * r, far = kBlocks * (4 - r);
-      if (inverse)
-        y |= ((x << near) & rowBits(r, r, 4)) | ((x >> far) & rowBits(r, 0, r));
-      else
-        y |= ((x >> near) & rowBits(r, 0, 4 - r)) | ((x << far) & rowBits(r, 4 - r, 4));
-    }
-    q[i] = y;
+    if (inverse)
+      q[i] = (x & row0) | ((x << b) & m.near[1]) | ((x >> 3 * b) & m.far[1]) | ((x << 2 * b) & m.near[2]) |
+             ((x >> 2 * b) & m.far[2]) | ((x << 3 * b) & m.near[3]) | ((x >> b) & m.far[3]);
+    else
+      q[i] = (x & row0) | ((x >> b) & m.near[1]) | ((x << 3 * b) & m.far[1]) | ((x >> 2 * b) & m.near[2]) |
+             ((x << 2 * b) & m.far[2]) | ((x >> 3 * b) & m.near[3]) | ((x << b) & m.far[3]);
   }
 }
 
