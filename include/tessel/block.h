@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 
 namespace tessel {
 
@@ -25,16 +26,27 @@ class BlockCipher {
     const unsigned b = blockLength();
     for (std::size_t i = 0; i < count; ++i) encrypt(in + i * b, out + i * b);
   }
+  // decryptBlocks decrypts `count` consecutive blocks, as encryptBlocks encrypts them.
+  virtual void decryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const {
+    const unsigned b = blockLength();
+    for (std::size_t i = 0; i < count; ++i) decrypt(in + i * b, out + i * b);
+  }
 };
 
-// AESBase holds the round keys of AES (FIPS 197), stored transposed: one 32-bit word per state
-// row, so that ShiftRows is a rotation of a word and AddRoundKey four word XORs. The only
-// tables are the S-box, its inverse and the round constants. On x86 processors with the AES
+// AESBase holds the round keys of AES (FIPS 197). The portable rounds are bitsliced: the state
+// of several blocks is spread over eight words, word j holding bit j of every byte, and the
+// S-box is a circuit of logic gates, so no memory index or branch depends on the key or the
+// data. Two blocks (32-bit processors) or four (64-bit) are processed at the cost of one;
+// encryptBlocks and decryptBlocks fill those slots. On x86 processors with the AES
 // instructions the same rounds run through those instead (cpu.h says which path is in use).
 class AESBase : public BlockCipher {
  public:
+  // SliceWord is the word of the bitsliced state: 16 bits for each block processed together.
+  using SliceWord = std::conditional_t<(sizeof(void*) >= 8), std::uint64_t, std::uint32_t>;
+
   unsigned blockLength() const override { return 16; }
   void encryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const override;
+  void decryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const override;
 
  protected:
   // expandKey fills the round keys from `nk` key words (4, 6 or 8).
@@ -43,7 +55,7 @@ class AESBase : public BlockCipher {
   void decryptRounds(const unsigned char* in, unsigned char* out, unsigned rounds) const;
 
   unsigned rounds_ = 0;
-  std::uint32_t roundKeys_[60];  // (rounds + 1) round keys of four row words each
+  SliceWord slicedKeys_[15][8];  // (rounds + 1) round keys, bitsliced and repeated for every block
   // The same round keys in the byte order of the AES instructions, for encryption and (passed
   // through InvMixColumns) for decryption; filled only when the processor has them.
   unsigned char hwKeys_[2][15][16];

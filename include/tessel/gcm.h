@@ -1,4 +1,4 @@
-// AES-GCM (NIST SP 800-38D) over an owned 16-byte block cipher, with the table-driven GHASH.
+// AES-GCM (NIST SP 800-38D) over an owned 16-byte block cipher, with a constant-time GHASH.
 //
 // One deliberate difference from the standard: an IV shorter than 12 bytes is zero-padded to
 // 12 bytes rather than hashed, so such IVs give other results than other implementations.
@@ -16,9 +16,10 @@ namespace tessel {
 
 // GHash is GHASH under a hash subkey H as a Hash: update() absorbs data in 16-byte chunks, each
 // call zero-padding its own last partial chunk, and digest() returns the accumulator and
-// clears it. Multiplication by H uses a per-key table of 32 nibble positions x 16 entries; on
-// x86 processors with carry-less multiplication it uses that instruction instead (see
-// carrylessMultiplyInUse in cpu.h; the choice is made when the object is built).
+// clears it. Multiplication by H is a carry-less product built from integer multiplications,
+// without tables, so that its time does not depend on H or the data; on x86 processors with
+// carry-less multiplication it uses that instruction instead (see carrylessMultiplyInUse in
+// cpu.h; the choice is made when the object is built).
 class GHash : public Hash {
  public:
   using Hash::digest;
@@ -36,7 +37,6 @@ class GHash : public Hash {
  private:
   void absorb(const unsigned char* blocks, std::size_t count);
 
-  Element table_[32][16];
   Element x_{0, 0};
   Element h_;
   bool clmul_;
@@ -45,7 +45,7 @@ class GHash : public Hash {
 // GCMCipher: ciphertextLength(len) = len + 16; decrypt() takes the ciphertext followed by the
 // 16-byte tag and returns its length or all ones when the tag does not match (the plaintext
 // has then been written to `out` all the same and must be discarded). setIV() must precede
-// every message; it derives H and rebuilds the GHASH table each time.
+// every message; it derives H and builds a fresh GHASH each time.
 class GCMCipher : public Cipher {
  public:
   explicit GCMCipher(std::unique_ptr<BlockCipher> aes) {

@@ -47,6 +47,15 @@ class Hash {
   // digest finishes the message, writes digestLength() bytes to `out` and makes the object
   // ready for a fresh message.
   virtual void digest(unsigned char* out) = 0;
+  // digestSecretLength finishes the message with the first `len` bytes of `data`, where `len` is
+  // secret and lies in [minLen, maxLen], in a time that depends on minLen and maxLen only (all
+  // maxLen bytes are read), writes the digest to `out` and returns true. Digests that cannot
+  // (the default) return false having absorbed nothing. MAC-then-pad records need it: their
+  // MAC covers a length that is only known once the secret padding has been read.
+  virtual bool digestSecretLength(const unsigned char* /*data*/, unsigned /*minLen*/, unsigned /*maxLen*/,
+                                  unsigned /*len*/, unsigned char* /*out*/) {
+    return false;
+  }
 
   // digest finishes the message and returns the digestLength() output bytes.
   std::vector<unsigned char> digest();
@@ -62,8 +71,17 @@ class HashImpl : public Hash {
   using Hash::digest;
   using Hash::update;
   Hash& update(const void* data, unsigned len) override;
+  // digestSecretLength hashes the secret-length tail block by block up to the longest case,
+  // masking the data, the 0x80 byte and the length field into place, and keeps the state of the
+  // block that really ends the message.
+  bool digestSecretLength(const unsigned char* data, unsigned minLen, unsigned maxLen, unsigned len,
+                          unsigned char* out) override;
 
  protected:
+  // encodeState writes the chaining state as digest() does, digestLength() bytes.
+  virtual void encodeState(unsigned char* out) const = 0;
+  // lengthIsLittleEndian tells whether the bit count is stored little-endian (MD4, MD5).
+  virtual bool lengthIsLittleEndian() const { return false; }
   // init loads the initial chaining state of the algorithm.
   virtual void init() = 0;
   // transform compresses the one full block held in the buffer. A digest derived from HashImpl
@@ -95,6 +113,8 @@ class MD4 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
+  void encodeState(unsigned char* out) const override;
+  bool lengthIsLittleEndian() const override { return true; }
 
  private:
   std::uint32_t state_[4];
@@ -112,6 +132,8 @@ class MD5 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
+  void encodeState(unsigned char* out) const override;
+  bool lengthIsLittleEndian() const override { return true; }
 
  private:
   std::uint32_t state_[4];
@@ -129,6 +151,7 @@ class SHA1 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
+  void encodeState(unsigned char* out) const override;
 
  private:
   std::uint32_t state_[5];
@@ -146,6 +169,7 @@ class SHA256 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
+  void encodeState(unsigned char* out) const override;
 
  private:
   std::uint32_t state_[8];
@@ -165,6 +189,7 @@ class SHA512 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
+  void encodeState(unsigned char* out) const override;
 
   std::uint64_t state_[8];
 };

@@ -29,6 +29,10 @@ class HMAC : public Hash {
   unsigned digestLength() const override { return hash_->digestLength(); }
   // digest writes the MAC of the message so far and starts a new message under the same key.
   void digest(unsigned char* out) override;
+  // digestSecretLength is digest() over a secret-length tail (see Hash), available when the
+  // inner digest offers it; the outer hash has a fixed length anyway.
+  bool digestSecretLength(const unsigned char* data, unsigned minLen, unsigned maxLen, unsigned len,
+                          unsigned char* out) override;
 
  private:
   void start();

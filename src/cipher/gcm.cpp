@@ -20,25 +20,48 @@ namespace {
 
 using Element = GHash::Element;
 
-// mulx multiplies by x in the GCM bit order: the 128-bit value shifts right by one bit and the
-// bit shifted out of byte 15 comes back as 0xE1 in byte 0.
-Element mulx(Element v) {
-  const bool carry = v.lo & 1;
-  v.lo = v.lo >> 1 | v.hi << 63;
-  v.hi >>= 1;
-  if (carry) v.hi ^= std::uint64_t{0xe1} << 56;
-  return v;
+// carrylessMultiply32 is the carry-less product of two 32-bit words, built from ordinary integer
+// multiplications so that it takes the same time for every value. Each operand is split into
+// four parts holding every fourth bit; the integer product of two parts then has at most eight
+// terms per bit position, whose sum fits in the three-bit holes without reaching the next bit
+// of the same residue, so its bits at one residue mod 4 are the carry-less sums wanted.
+inline std::uint64_t carrylessMultiply32(std::uint32_t x, std::uint32_t y) {
+  const std::uint64_t x0 = x & 0x11111111u, x1 = x & 0x22222222u, x2 = x & 0x44444444u, x3 = x & 0x88888888u;
+  const std::uint64_t y0 = y & 0x11111111u, y1 = y & 0x22222222u, y2 = y & 0x44444444u, y3 = y & 0x88888888u;
+  const std::uint64_t z0 = (x0 * y0) ^ (x1 * y3) ^ (x2 * y2) ^ (x3 * y1);
+  const std::uint64_t z1 = (x0 * y1) ^ (x1 * y0) ^ (x2 * y3) ^ (x3 * y2);
+  const std::uint64_t z2 = (x0 * y2) ^ (x1 * y1) ^ (x2 * y0) ^ (x3 * y3);
+  const std::uint64_t z3 = (x0 * y3) ^ (x1 * y2) ^ (x2 * y1) ^ (x3 * y0);
+  return (z0 & 0x1111111111111111u) | (z1 & 0x2222222222222222u) | (z2 & 0x4444444444444444u) |
+         (z3 & 0x8888888888888888u);
 }
 
-void tableMultiply(const Element (*table)[16], Element& x) {
-  Element acc{0, 0};
-  for (unsigned n = 0; n < 32; ++n) {
-    const std::uint64_t half = n < 16 ? x.hi : x.lo;
-    const unsigned nibble = static_cast<unsigned>(half >> (60 - 4 * (n % 16))) & 15;
-    acc.hi ^= table[n][nibble].hi;
-    acc.lo ^= table[n][nibble].lo;
-  }
-  x = acc;
+// carrylessMultiply64 is the 128-bit carry-less product of two 64-bit words (Karatsuba over the
+// 32-bit halves), as {high, low}.
+inline Element carrylessMultiply64(std::uint64_t a, std::uint64_t b) {
+  const auto a0 = static_cast<std::uint32_t>(a), a1 = static_cast<std::uint32_t>(a >> 32);
+  const auto b0 = static_cast<std::uint32_t>(b), b1 = static_cast<std::uint32_t>(b >> 32);
+  const std::uint64_t lo = carrylessMultiply32(a0, b0), hi = carrylessMultiply32(a1, b1);
+  const std::uint64_t mid = carrylessMultiply32(a0 ^ a1, b0 ^ b1) ^ lo ^ hi;
+  return {hi ^ mid >> 32, lo ^ mid << 32};
+}
+
+// portableMultiply sets x to x * h in GF(2^128). Elements are bit-reflected (x^0 is the top bit
+// of `hi`), so the 255-bit carry-less product is shifted left by one bit, and its low half,
+// which holds x^128 and up, is folded back with x^128 = x^7 + x^2 + x + 1 one word at a time.
+void portableMultiply(Element& x, const Element& h) {
+  const Element lo = carrylessMultiply64(x.lo, h.lo), hi = carrylessMultiply64(x.hi, h.hi);
+  const Element mid = carrylessMultiply64(x.lo ^ x.hi, h.lo ^ h.hi);
+  std::uint64_t v0 = lo.lo, v1 = lo.hi ^ mid.lo ^ lo.lo ^ hi.lo, v2 = hi.lo ^ mid.hi ^ lo.hi ^ hi.hi, v3 = hi.hi;
+  v3 = v3 << 1 | v2 >> 63;
+  v2 = v2 << 1 | v1 >> 63;
+  v1 = v1 << 1 | v0 >> 63;
+  v0 <<= 1;
+  v2 ^= v0 ^ v0 >> 1 ^ v0 >> 2 ^ v0 >> 7;
+  v1 ^= v0 << 63 ^ v0 << 62 ^ v0 << 57;
+  v3 ^= v1 ^ v1 >> 1 ^ v1 >> 2 ^ v1 >> 7;
+  v2 ^= v1 << 63 ^ v1 << 62 ^ v1 << 57;
+  x = {v3, v2};
 }
 
 #if TESSEL_CLMUL
@@ -86,20 +109,7 @@ TESSEL_TARGET_CLMUL void clmulAbsorb(Element h, Element& x, const unsigned char*
 }  // namespace
 
 GHash::GHash(const unsigned char* h)
-    : h_{detail::loadBe64(h), detail::loadBe64(h + 8)}, clmul_(carrylessMultiplyInUse()) {
-  if (clmul_) return;  // the table is only needed without the instruction
-  Element v = h_;
-  for (auto& row : table_) {
-    row[0] = {0, 0};
-    row[8] = v;
-    row[4] = mulx(row[8]);
-    row[2] = mulx(row[4]);
-    row[1] = mulx(row[2]);
-    for (unsigned high : {2u, 4u, 8u})  // entries 3; then 5, 6, 7; then 9..15
-      for (unsigned low = 1; low < high; ++low) row[high + low] = {row[high].hi ^ row[low].hi, row[high].lo ^ row[low].lo};
-    v = mulx(mulx(mulx(mulx(v))));
-  }
-}
+    : h_{detail::loadBe64(h), detail::loadBe64(h + 8)}, clmul_(carrylessMultiplyInUse()) {}
 
 void GHash::absorb(const unsigned char* blocks, std::size_t count) {
 #if TESSEL_CLMUL
@@ -108,7 +118,7 @@ void GHash::absorb(const unsigned char* blocks, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i, blocks += 16) {
     x_.hi ^= detail::loadBe64(blocks);
     x_.lo ^= detail::loadBe64(blocks + 8);
-    tableMultiply(table_, x_);
+    portableMultiply(x_, h_);
   }
 }
 
@@ -182,7 +192,8 @@ unsigned GCMCipher::decrypt(const unsigned char* in, unsigned len, const unsigne
   const unsigned payload = len - tagLength_;
   unsigned char tag[16];
   crypt(in, payload, aad, aadLen, out, true, tag);
-  return ct::equal(tag, in + payload, tagLength_) ? payload : decryptFailed;
+  const unsigned wrong = ct::maskFromBit<unsigned>(ct::differenceMask(tag, in + payload, tagLength_) & 1);
+  return ct::select<unsigned>(wrong, decryptFailed, payload);
 }
 
 }  // namespace tessel

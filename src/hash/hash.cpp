@@ -1,9 +1,12 @@
 #include "tessel/hash.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "core/endian.h"
+#include "core/secret.h"
+#include "tessel/assert.h"
 
 namespace tessel {
 
@@ -93,6 +96,52 @@ void HashImpl::finish(bool littleEndian) {
   }
   transform();
   counter_ = 0;
+}
+
+bool HashImpl::digestSecretLength(const unsigned char* data, unsigned minLen, unsigned maxLen, unsigned len,
+                                  unsigned char* out) {
+  TESSEL_ASSERT(minLen <= maxLen);
+  if (counter_ == 0) init();
+  update(data, minLen);  // the part every case shares goes the ordinary way
+  data += minLen;
+  const unsigned span = maxLen - minLen, block = blockLength(), shift = std::countr_zero(block);
+  const unsigned used = static_cast<unsigned>(counter_ & (block - 1)), room = block - lengthFieldSize();
+  // The 0x80 byte sits `used + tail` bytes after the start of the buffered block; the length
+  // field goes at the end of that block, or of the next one when it does not fit before it.
+  const std::uint32_t tail = len - minLen;
+  const std::uint32_t end = used + tail, endInBlock = end & (block - 1);
+  const std::uint32_t finalBlock = (end >> shift) + (~ct::lessThanMask<std::uint32_t>(endInBlock, room) & 1);
+  const unsigned maxEnd = used + span, blocks = (maxEnd >> shift) + ((maxEnd & (block - 1)) >= room) + 1;
+  const std::uint64_t bits = (counter_ + tail) * 8;
+  const bool littleEndian = lengthIsLittleEndian();
+  unsigned char buf[128], state[64], result[64] = {};
+  for (unsigned j = 0; j < blocks; ++j) {
+    for (unsigned i = 0; i < block; ++i) {
+      const unsigned pos = j * block + i;
+      if (pos < used) {
+        buf[i] = buffer_[pos];
+        continue;
+      }
+      const std::uint32_t k = pos - used;
+      const unsigned char inData = static_cast<unsigned char>(ct::lessThanMask<std::uint32_t>(k, tail));
+      const unsigned char atEnd = static_cast<unsigned char>(ct::equalMask<std::uint32_t>(k, tail));
+      buf[i] = static_cast<unsigned char>((k < span ? data[k] & inData : 0) | (0x80 & atEnd));
+    }
+    const auto isFinal = static_cast<unsigned char>(ct::equalMask<std::uint32_t>(j, finalBlock));
+    for (unsigned i = 0; i < 8; ++i) {
+      const auto byte = static_cast<unsigned char>(littleEndian ? bits >> 8 * i : bits >> (56 - 8 * i));
+      buf[block - 8 + i] |= static_cast<unsigned char>(byte & isFinal);
+    }
+    compressBlocks(buf, 1);
+    encodeState(state);
+    ct::conditionalMove(result, state, digestLength(), isFinal);
+  }
+  std::memcpy(out, result, digestLength());
+  counter_ = 0;
+  ct::wipeObject(buf);
+  ct::wipeObject(state);
+  ct::wipeObject(result);
+  return true;
 }
 
 Hash& MD5SHA1::update(const void* data, unsigned len) {

@@ -52,4 +52,17 @@ void HMAC::digest(unsigned char* out) {
   started_ = false;
 }
 
+bool HMAC::digestSecretLength(const unsigned char* data, unsigned minLen, unsigned maxLen, unsigned len,
+                              unsigned char* out) {
+  if (!started_) start();
+  unsigned char inner[128];
+  if (!hash_->digestSecretLength(data, minLen, maxLen, len, inner)) return false;
+  absorbPad(0x5c);
+  hash_->update(inner, digestLength());
+  hash_->digest(out);
+  started_ = false;
+  ct::wipe(inner, sizeof inner);
+  return true;
+}
+
 }  // namespace tessel

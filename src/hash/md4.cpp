@@ -47,6 +47,10 @@ void MD4::compressBlocks(const unsigned char* p, std::size_t count) {
 
 void MD4::digest(unsigned char* out) {
   finish(true);
+  encodeState(out);
+}
+
+void MD4::encodeState(unsigned char* out) const {
   for (int i = 0; i < 4; ++i) detail::storeLe32(out + 4 * i, state_[i]);
 }
 

@@ -69,6 +69,10 @@ void MD5::compressBlocks(const unsigned char* p, std::size_t count) {
 
 void MD5::digest(unsigned char* out) {
   finish(true);
+  encodeState(out);
+}
+
+void MD5::encodeState(unsigned char* out) const {
   for (int i = 0; i < 4; ++i) detail::storeLe32(out + 4 * i, state_[i]);
 }
 

@@ -44,6 +44,10 @@ void SHA1::compressBlocks(const unsigned char* p, std::size_t count) {
 
 void SHA1::digest(unsigned char* out) {
   finish(false);
+  encodeState(out);
+}
+
+void SHA1::encodeState(unsigned char* out) const {
   for (int i = 0; i < 5; ++i) detail::storeBe32(out + 4 * i, state_[i]);
 }
 

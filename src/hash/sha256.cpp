@@ -36,6 +36,10 @@ void SHA256::compressBlocks(const unsigned char* p, std::size_t count) {
 
 void SHA256::digest(unsigned char* out) {
   finish(false);
+  encodeState(out);
+}
+
+void SHA256::encodeState(unsigned char* out) const {
   for (int i = 0; i < 8; ++i) detail::storeBe32(out + 4 * i, state_[i]);
 }
 

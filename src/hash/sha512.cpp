@@ -47,6 +47,10 @@ void SHA512::compressBlocks(const unsigned char* p, std::size_t count) {
 
 void SHA512::digest(unsigned char* out) {
   finish(false);
+  encodeState(out);
+}
+
+void SHA512::encodeState(unsigned char* out) const {
   for (unsigned i = 0; i < digestLength() / 8; ++i) detail::storeBe64(out + 8 * i, state_[i]);
 }
 

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "cipher/padding.h"
 #include "tessel/block.h"
 #include "tessel/ed25519_x25519_keys.h"
 #include "tessel/ec_key.h"
@@ -64,17 +65,17 @@ Bytes padAndEncrypt(BlockCipher& cipher, Bytes iv, asn1::blob plaintext) {
 }
 
 // decryptAndUnpad decrypts whole CBC blocks and removes PKCS#5 padding; false when the input is
-// not whole blocks or the padding is wrong (which is how a wrong password shows).
+// not whole blocks or the padding is wrong (which is how a wrong password shows). The padding is
+// judged in constant time, all of the last block every time, so that a padding oracle cannot
+// read the plaintext; only the verdict and then the length of a good plaintext come out.
 bool decryptAndUnpad(BlockCipher& cipher, Bytes iv, asn1::blob data, Bytes& out) {
   const unsigned block = cipher.blockLength();
   if (data.empty() || data.size() % block != 0) return false;
   out.assign(data.size(), 0);
   CBC_decrypt(cipher, iv.data(), data.data(), static_cast<unsigned>(data.size()), out.data());
-  const unsigned pad = out.back();
-  if (pad < 1 || pad > block || pad > out.size()) return false;
-  for (std::size_t i = out.size() - pad; i < out.size(); ++i)
-    if (out[i] != pad) return false;
-  out.resize(out.size() - pad);
+  const std::uint32_t length = detail::pkcs7UnpaddedLength(out.data(), static_cast<std::uint32_t>(out.size()), block);
+  if (length == ~std::uint32_t{0}) return false;
+  out.resize(length);
   return true;
 }
 
