@@ -7,6 +7,10 @@
 #include "bignum_support.h"
 
 #if TESSEL_HAVE_OPENSSL
+#include <openssl/err.h>
+#endif
+
+#if TESSEL_HAVE_OPENSSL
 
 namespace tessel::test {
 namespace {
@@ -136,6 +140,13 @@ TEST(MontCt, ArithmeticMatchesOpenSsl) {
         EXPECT_EQ(f.out(rb), o.modAdd(b, a, true));
         EXPECT_EQ(f.plain(f.mont(a)), a);
         EXPECT_EQ(g.plain(g.mont(a)), a);
+        Bn inverse(BN_mod_inverse(nullptr, toBn(b).get(), o.n.get(), o.ctx));
+        ERR_clear_error();
+        rb = f.in(b);
+        ASSERT_EQ(m.inv_vartime(r.data(), rb.data()), inverse != nullptr) << b.str();
+        if (inverse) {
+          EXPECT_EQ(f.out(r), fromBn(inverse.get()));
+        }
       }
     }
   }

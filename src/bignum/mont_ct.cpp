@@ -117,36 +117,33 @@ void MontModulus::computeRR() {
   rr_ = std::move(x);
 }
 
-// mul is CIOS Montgomery multiplication: one row of a·b[i] then one reduction step per limb of
-// b, keeping s + 2 limbs, and a final subtraction chosen by mask.
+// mul is CIOS Montgomery multiplication with the product and reduction rows fused: per limb of
+// b, one pass adds a·b[i] and m·n (m chosen to clear the low limb) and shifts down by a limb.
+// t stays below R + n in s + 1 limbs; the result below 2n gets a final subtraction by mask.
 void MontModulus::mul(Limb* r, const Limb* a, const Limb* b) const {
   const std::size_t s = n_.size();
   const Limb* n = n_.data();
-  Scratch scratch(s + 2);
+  Scratch scratch(s + 1);
   Limb* t = scratch.get();
-  std::fill(t, t + s + 2, 0);
+  std::fill(t, t + s + 1, 0);
   for (std::size_t i = 0; i < s; ++i) {
-    Limb c = 0;
     const Limb bi = b[i];
-    for (std::size_t k = 0; k < s; ++k) {
-      const Wide w = static_cast<Wide>(a[k]) * bi + t[k] + c;
-      t[k] = static_cast<Limb>(w);
-      c = static_cast<Limb>(w >> limbBits);
-    }
-    Wide w = static_cast<Wide>(t[s]) + c;
-    t[s] = static_cast<Limb>(w);
-    t[s + 1] = static_cast<Limb>(w >> limbBits);
-    const Limb m = static_cast<Limb>(t[0] * nPrime_);
-    w = static_cast<Wide>(m) * n[0] + t[0];
-    c = static_cast<Limb>(w >> limbBits);
+    Wide w = static_cast<Wide>(a[0]) * bi + t[0];
+    Limb c1 = static_cast<Limb>(w >> limbBits);
+    const Limb lo = static_cast<Limb>(w);
+    const Limb m = static_cast<Limb>(lo * nPrime_);
+    Wide v = static_cast<Wide>(m) * n[0] + lo;
+    Limb c2 = static_cast<Limb>(v >> limbBits);
     for (std::size_t k = 1; k < s; ++k) {
-      w = static_cast<Wide>(m) * n[k] + t[k] + c;
-      t[k - 1] = static_cast<Limb>(w);
-      c = static_cast<Limb>(w >> limbBits);
+      w = static_cast<Wide>(a[k]) * bi + t[k] + c1;
+      c1 = static_cast<Limb>(w >> limbBits);
+      v = static_cast<Wide>(m) * n[k] + static_cast<Limb>(w) + c2;
+      c2 = static_cast<Limb>(v >> limbBits);
+      t[k - 1] = static_cast<Limb>(v);
     }
-    w = static_cast<Wide>(t[s]) + c;
+    w = static_cast<Wide>(t[s]) + c1 + c2;
     t[s - 1] = static_cast<Limb>(w);
-    t[s] = static_cast<Limb>(t[s + 1] + static_cast<Limb>(w >> limbBits));
+    t[s] = static_cast<Limb>(w >> limbBits);
   }
   // t < 2n: subtract n, and keep the difference unless it borrowed past t's top limb.
   const Limb borrow = subLimbs(r, t, n, s);
@@ -263,6 +260,53 @@ void MontModulus::invPrime(Limb* r, const Limb* a) const {
   BigNum e = toBigNum_vartime(n_.data());
   e -= BigNum(2);
   expPublic_vartime(r, a, e);
+}
+
+namespace {
+
+bool isEven(const std::vector<Limb>& x) { return (x[0] & 1) == 0; }
+
+void halve(std::vector<Limb>& x, Limb top) {
+  for (std::size_t i = 0; i + 1 < x.size(); ++i) x[i] = static_cast<Limb>((x[i] >> 1) | (x[i + 1] << (limbBits - 1)));
+  x.back() = static_cast<Limb>((x.back() >> 1) | (top << (limbBits - 1)));
+}
+
+// compare returns −1, 0 or 1 as x is below, equal to or above y.
+int compare(const std::vector<Limb>& x, const std::vector<Limb>& y) {
+  for (std::size_t i = x.size(); i-- > 0;)
+    if (x[i] != y[i]) return x[i] < y[i] ? -1 : 1;
+  return 0;
+}
+
+}  // namespace
+
+// inv_vartime keeps x1·a ≡ u and x2·a ≡ v (mod n) while u and v shrink to their gcd; x/2 mod n
+// is (x + n)/2 for odd x, n being odd.
+bool MontModulus::inv_vartime(Limb* r, const Limb* a) const {
+  const std::size_t s = n_.size();
+  std::vector<Limb> u(a, a + s), v(n_), x1(s, 0), x2(s, 0);
+  x1[0] = 1;
+  if (std::all_of(u.begin(), u.end(), [](Limb l) { return l == 0; })) return false;
+  auto halveMod = [&](std::vector<Limb>& x) {
+    Limb carry = 0;
+    if (!isEven(x)) carry = addLimbs(x.data(), x.data(), n_.data(), s);
+    halve(x, carry);
+  };
+  for (;;) {
+    for (; isEven(u); halve(u, 0)) halveMod(x1);
+    for (; isEven(v); halve(v, 0)) halveMod(x2);
+    const int order = compare(u, v);
+    if (order == 0) break;
+    if (order > 0) {
+      subLimbs(u.data(), u.data(), v.data(), s);
+      sub(x1.data(), x1.data(), x2.data());
+    } else {
+      subLimbs(v.data(), v.data(), u.data(), s);
+      sub(x2.data(), x2.data(), x1.data());
+    }
+  }
+  std::copy(x1.begin(), x1.end(), r);
+  return u[0] == 1 && std::all_of(u.begin() + 1, u.end(), [](Limb l) { return l == 0; });
 }
 
 void MontModulus::fromBytes(Limb* r, const unsigned char* in, std::size_t len) const {

@@ -67,6 +67,10 @@ class MontModulus {
   void expPublic_vartime(Limb* r, const Limb* a, const BigNum& e) const;
   // invPrime sets r = a⁻¹ (Montgomery form in and out) for a prime modulus, by Fermat: a^(n−2).
   void invPrime(Limb* r, const Limb* a) const;
+  // inv_vartime sets r = a⁻¹ mod n (plain form in and out) by the binary extended Euclidean
+  // algorithm, whose time depends on a: for public or randomly blinded values only. False, with
+  // r unspecified, when a shares a factor with n.
+  bool inv_vartime(Limb* r, const Limb* a) const;
 
   // fromBytes reads `len` big-endian bytes into r (plain form, not reduced: the value must be below
   // n, which the caller guarantees); toBytes writes r (plain form) as exactly `len` big-endian bytes.
