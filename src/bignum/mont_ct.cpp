@@ -66,6 +66,36 @@ unsigned limbBitLength(Limb x) {
   return static_cast<unsigned>(len);
 }
 
+// cios leaves a·b·R⁻¹ (below 2n when a or b is below n) in t[0..s], for mul. Everything is passed
+// in and t is restrict, so that the compiler keeps the modulus, n′ and the carries in registers
+// instead of reloading them after every store to t.
+void cios(Limb* __restrict t, const Limb* a, const Limb* b, const Limb* n, const Limb nPrime, const std::size_t s) {
+  std::fill(t, t + s + 2, 0);
+  for (std::size_t i = 0; i < s; ++i) {
+    Limb c = 0;
+    const Limb bi = b[i];
+    for (std::size_t k = 0; k < s; ++k) {
+      const Wide w = static_cast<Wide>(a[k]) * bi + t[k] + c;
+      t[k] = static_cast<Limb>(w);
+      c = static_cast<Limb>(w >> limbBits);
+    }
+    Wide w = static_cast<Wide>(t[s]) + c;
+    t[s] = static_cast<Limb>(w);
+    t[s + 1] = static_cast<Limb>(w >> limbBits);
+    const Limb m = static_cast<Limb>(t[0] * nPrime);
+    w = static_cast<Wide>(m) * n[0] + t[0];
+    c = static_cast<Limb>(w >> limbBits);
+    for (std::size_t k = 1; k < s; ++k) {
+      w = static_cast<Wide>(m) * n[k] + t[k] + c;
+      t[k - 1] = static_cast<Limb>(w);
+      c = static_cast<Limb>(w >> limbBits);
+    }
+    w = static_cast<Wide>(t[s]) + c;
+    t[s - 1] = static_cast<Limb>(w);
+    t[s] = static_cast<Limb>(t[s + 1] + static_cast<Limb>(w >> limbBits));
+  }
+}
+
 }  // namespace
 
 MontModulus::MontModulus(const BigNum& n) : MontModulus(n, SecretModulus{}) {
@@ -117,34 +147,15 @@ void MontModulus::computeRR() {
   rr_ = std::move(x);
 }
 
-// mul is CIOS Montgomery multiplication with the product and reduction rows fused: per limb of
-// b, one pass adds a·b[i] and m·n (m chosen to clear the low limb) and shifts down by a limb.
-// t stays below R + n in s + 1 limbs; the result below 2n gets a final subtraction by mask.
+// mul is CIOS Montgomery multiplication: one row of a·b[i] then one reduction step per limb of
+// b, keeping s + 2 limbs, and a final subtraction chosen by mask. (Fusing the two rows into one
+// pass needs two carries, which GCC spills to the stack: it measured 1.6 times slower.)
 void MontModulus::mul(Limb* r, const Limb* a, const Limb* b) const {
   const std::size_t s = n_.size();
   const Limb* n = n_.data();
-  Scratch scratch(s + 1);
+  Scratch scratch(s + 2);
   Limb* t = scratch.get();
-  std::fill(t, t + s + 1, 0);
-  for (std::size_t i = 0; i < s; ++i) {
-    const Limb bi = b[i];
-    Wide w = static_cast<Wide>(a[0]) * bi + t[0];
-    Limb c1 = static_cast<Limb>(w >> limbBits);
-    const Limb lo = static_cast<Limb>(w);
-    const Limb m = static_cast<Limb>(lo * nPrime_);
-    Wide v = static_cast<Wide>(m) * n[0] + lo;
-    Limb c2 = static_cast<Limb>(v >> limbBits);
-    for (std::size_t k = 1; k < s; ++k) {
-      w = static_cast<Wide>(a[k]) * bi + t[k] + c1;
-      c1 = static_cast<Limb>(w >> limbBits);
-      v = static_cast<Wide>(m) * n[k] + static_cast<Limb>(w) + c2;
-      c2 = static_cast<Limb>(v >> limbBits);
-      t[k - 1] = static_cast<Limb>(v);
-    }
-    w = static_cast<Wide>(t[s]) + c1 + c2;
-    t[s - 1] = static_cast<Limb>(w);
-    t[s] = static_cast<Limb>(w >> limbBits);
-  }
+  cios(t, a, b, n, nPrime_, s);
   // t < 2n: subtract n, and keep the difference unless it borrowed past t's top limb.
   const Limb borrow = subLimbs(r, t, n, s);
   const Limb keepT = borrowMask(static_cast<Limb>(borrow & ~t[s] & 1));
