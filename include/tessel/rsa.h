@@ -53,8 +53,9 @@ class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
   // modulus is too short for T or the private operation fails.
   std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const override;
   // privateOperation returns c^d mod n as k bytes, through the CRT when the key has its CRT
-  // values; the CRT result is checked against the public exponent. Empty when c >= n, when the
-  // key is unusable (an even modulus or prime) or when the check fails.
+  // values, in constant time on a randomly blinded c; the result is checked against the public
+  // exponent. Empty when c >= n, when the key is unusable (an even modulus or prime) or when the
+  // check fails.
   std::vector<unsigned char> privateOperation(asn1::blob c) const;
 };
 

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "tessel/reducer.h"
+#include "keys/rsa_private.h"
 
 namespace tessel {
 
@@ -13,12 +13,6 @@ bool takeInteger(asn1::parser& p, BigNum& out) {
   if (p.tag != 0x02) return false;
   out = BigNum(p.takeContent());
   return p.tag != asn1::tagError;
-}
-
-BigNum mod(const BigNum& a, const BigNum& m) {
-  BigNum r;
-  div(a, m, nullptr, &r);
-  return r;
 }
 
 }  // namespace
@@ -140,23 +134,10 @@ std::vector<unsigned char> RsaPrivateKey::signHashed(unsigned hashId, asn1::blob
 std::vector<unsigned char> RsaPrivateKey::privateOperation(asn1::blob input) const {
   const BigNum c(input);
   if (!(c < n) || !n.isOdd()) return {};
-  BigNum m;
-  if (p.isZero() || q.isZero() || dP.isZero() || dQ.isZero() || qInv.isZero()) {
-    m = expByMod(c, d, n);
-  } else {
-    if (!p.isOdd() || !q.isOdd()) return {};
-    // Garner's recombination; the result is checked below, so a fault in either half (or a
-    // key whose CRT values do not match) never releases a wrong signature.
-    const BigNum m1 = expByMod(mod(c, p), dP, p);
-    const BigNum m2 = expByMod(mod(c, q), dQ, q);
-    BigNum h = m1;
-    while (h < m2) h += p;
-    h -= m2;
-    h = mod(qInv * h, p);
-    m = m2 + q * h;
-    if (!(expByMod(m, e, n) == c)) return {};
-  }
-  return m.bin(modulusLength());
+  std::vector<unsigned char> out(modulusLength());
+  // Whether the result passed its check is the one secret-derived fact that is released.
+  if (!rsa::privateOperationMasked(*this, c, out.data(), out.size())) return {};
+  return out;
 }
 
 }  // namespace tessel

@@ -149,6 +149,9 @@ unsigned checkCertificate(const Chain& chain, size_t i, const CertificateStore& 
 
 bool verifyRsa_vartime(const RsaPublicKey& key, unsigned hashId, const X509Base& object) {
   if (!key.n.isOdd()) return false;  // no such RSA key; the Montgomery reducer needs an odd modulus
+  // A peer chooses the keys of the chains it sends: exponents and moduli beyond any real key's
+  // would let it buy seconds of work per chain, so they fail here like a bad signature.
+  if (key.e.bits() > 64 || !key.e.isOdd() || (key.e.size() == 1 && key.e[0] < 3) || key.n.bits() > 16384) return false;
   const unsigned k = key.modulusLength();
   const std::vector<unsigned char> em = expByMod(BigNum(asn1::blob(object.signature)), key.e, key.n).bin(k);
   if (em.size() != k || k < 11 || em[0] != 0x00 || em[1] != 0x01) return false;
