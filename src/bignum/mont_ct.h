@@ -26,10 +26,17 @@ using Limb = std::uint32_t;
 #endif
 inline constexpr unsigned limbBits = 8 * sizeof(Limb);
 
+// SecretModulus tags the constructor for a modulus that is itself secret (an RSA prime).
+struct SecretModulus {};
+
 class MontModulus {
  public:
   // MontModulus prepares arithmetic modulo the odd number n (asserted), which is public.
   explicit MontModulus(const BigNum& n);
+  // MontModulus(n, SecretModulus) does the same for a secret odd n without looking at its value:
+  // nothing asserts that n is odd (a caller that cannot vouch for it checks its results), and
+  // only its digit count is public. bits() is then secret too.
+  MontModulus(const BigNum& n, SecretModulus);
 
   // limbs is the fixed width of every residue; bits is the bit length of n.
   std::size_t limbs() const { return n_.size(); }
@@ -47,6 +54,9 @@ class MontModulus {
   void toMont(Limb* r, const Limb* a) const;
   void fromMont(Limb* r, const Limb* a) const;
   void one(Limb* r) const;
+  // toMontWide sets r = a·R mod n for a plain a of `aLimbs` limbs and any size, reducing it on
+  // the way: for taking a number modulo a smaller, secret modulus (an RSA prime).
+  void toMontWide(Limb* r, const Limb* a, std::size_t aLimbs) const;
 
   // exp sets r = a^e in Montgomery form (a in Montgomery form too) for a secret exponent `e` of
   // `eLen` big-endian bytes, by a fixed window whose table is read with a full constant-time scan.
@@ -68,6 +78,9 @@ class MontModulus {
   BigNum toBigNum_vartime(const Limb* r) const;
 
  private:
+  void fromDigits(Limb* r, const BigNum& x) const;
+  void computeRR();
+
   std::vector<Limb> n_;   // the modulus
   std::vector<Limb> rr_;  // R² mod n, for toMont
   Limb nPrime_;           // −n⁻¹ mod 2^limbBits
