@@ -6,8 +6,9 @@
 // OID, explicit curve parameters, implicitCA) are refused with one line "[ERR] unknown ec id "
 // and the parameters' text on standard output. ECDSA signatures are the DER SEQUENCE
 // { INTEGER r, INTEGER s }, read with the library's DER reader, which accepts the non-minimal
-// length forms; (r, s) must still be in [1, n-1]. The curve arithmetic is that of ec.h, which is
-// not constant time in the scalar: keep EC private keys to hosts where timing is not observable.
+// length forms; (r, s) must still be in [1, n-1]. Signing, ECDH and the derivation of the public
+// key run in constant time in the private scalar and the nonce (complete formulas over
+// fixed-width arithmetic); verification uses ec.h's variable-time arithmetic on public data.
 #pragma once
 
 #include "tessel/ec.h"
@@ -67,7 +68,7 @@ class EcPrivateKey : public EcPublicKey, public PrivateKey {
   // nonce over HMAC with the digest `hashId` (SHA-1 to SHA-512). Empty for another hashId.
   std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const override;
   // deriveSharedSecret returns the ECDH secret, the x-coordinate of d·Q as the curve's byte
-  // length; empty when `peer` is on another curve.
+  // length; empty when `peer` is on another curve or its point Q does not lie on the curve.
   std::vector<unsigned char> deriveSharedSecret(const EcPublicKey& peer) const;
   // setPrivateKey installs d on `c` and computes Q; false when d is not in [1, n-1].
   bool setPrivateKey(Curve c, const BigNum& scalar);

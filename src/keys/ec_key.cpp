@@ -1,12 +1,15 @@
 // EC keys: SEC 1 / RFC 5915 encodings, ECDSA (RFC 6979 nonces) and ECDH over ec.h.
 #include "tessel/ec_key.h"
 
+#include <algorithm>
 #include <iostream>
 
+#include "core/declassify.h"
+#include "core/secret.h"
+#include "ec/nist_ct.h"
 #include "tessel/factory.h"
 #include "tessel/hash.h"
 #include "tessel/reducer.h"
-#include "tessel/rng.h"
 
 namespace tessel {
 
@@ -44,26 +47,24 @@ BigNum bits2int(asn1::blob hash, const BigNum& n) {
   return e;
 }
 
-// The curve multiplication and the inversion take time that follows the bits of their
-// operands, and a nonce whose leading bits leak, signature after signature, gives the key away
-// (lattice attacks). Secret scalars therefore never reach them as they are: the results stay
-// exactly the same, only the values the work depends on are randomised.
+// Secret scalars (the key d and the nonce k) only ever meet the constant-time arithmetic of
+// ec/nist_ct.h, as fixed-width byte strings; the BigNum d is read digit by digit into them by
+// fixedBytes. Values that leave the library anyway (a public key, a signature, whether a result
+// is empty) are declassified for the constant-time check before any branch looks at them.
 
-// blinded returns k + r·n for a fresh random r of exactly 64 bits: the same multiple of any
-// point of order n, with a bit length and pattern that say nothing about k.
-BigNum blinded(const BigNum& k, const BigNum& n) {
-  unsigned char buf[8] = {1};
-  getDefaultRng().generate(buf, sizeof buf);  // the default source always delivers
-  buf[0] |= 0x80;
-  return k + BigNum(asn1::blob(buf, sizeof buf)) * n;
+// scalarBytes returns d as a fixed-width big-endian string: the order's length, or longer when
+// d is stored with more digits (its digit count is public, its value is not).
+std::vector<unsigned char> scalarBytes(const BigNum& d, std::size_t orderBytes) {
+  std::vector<unsigned char> out(std::max<std::size_t>(orderBytes, 4u * d.size()));
+  nist::fixedBytes(out.data(), out.size(), d);
+  return out;
 }
 
-// inverseBlinded returns k⁻¹ mod n as b·(k·b)⁻¹ for a random b, so the inversion sees k·b.
-BigNum inverseBlinded(const BigNum& k, const BigNum& n) {
-  BigNum b(1u);
-  if (!randomBigNum(&b, n - BigNum(1u), getDefaultRng())) b = BigNum(1u);
-  return mod(invByMod(mod(k * b, n), n) * b, n);
-}
+// Wiped holds secret bytes and clears them when it goes.
+struct Wiped {
+  std::vector<unsigned char> bytes;
+  ~Wiped() { ct::wipe(bytes.data(), bytes.size()); }
+};
 
 void writeHex(std::ostream& out, const std::vector<unsigned char>& bytes) {
   static const char digits[] = "0123456789abcdef";
@@ -140,6 +141,7 @@ void EcPublicKey::dump(std::ostream& out) const {
   out << "\n";
 }
 
+// Verification sees public data only and stays on WCurve's variable-time arithmetic.
 bool EcPublicKey::verifyHashed(asn1::blob hash, asn1::blob signature) const {
   asn1::parser der(signature);
   if (der.tag != 0x30 || !der.rest.empty() || !der.enter()) return false;
@@ -164,10 +166,18 @@ EcPrivateKey::~EcPrivateKey() {
 
 bool EcPrivateKey::setPrivateKey(Curve c, const BigNum& scalar) {
   curve = c;
-  CurveMath m(c);
-  if (scalar.isZero() || scalar >= m.n) return false;
+  const nist::CtCurve* cc = nist::CtCurve::forCurve(c);
+  if (!cc) return false;
+  const Wiped k{scalarBytes(scalar, cc->orderBytes())};
+  // Whether the key is acceptable is the public outcome of this call.
+  if (!ct::declassified(cc->scalarInRange(k.bytes.data(), k.bytes.size()))) return false;
   d = scalar;
-  Q = m.w.toEC(m.w.mul(blinded(d, m.n), m.w.fromEC(m.G)));
+  // Being below n, the scalar fits the order's length; any longer digit storage is zeros.
+  std::vector<unsigned char> xy(2 * cc->fieldBytes());
+  cc->mulBase(xy.data(), k.bytes.data() + k.bytes.size() - cc->orderBytes(), cc->orderBytes());
+  ct::declassify(xy.data(), xy.size());  // the public key
+  const std::size_t len = cc->fieldBytes();
+  Q = {BigNum(asn1::blob(xy.data(), len)), BigNum(asn1::blob(xy.data() + len, len))};
   return true;
 }
 
@@ -213,34 +223,53 @@ void EcPrivateKey::dump(std::ostream& out) const {
 
 std::vector<unsigned char> EcPrivateKey::signHashed(unsigned hashId, asn1::blob hash) const {
   if (hashId < hashSha1 || hashId > hashSha512) return {};
-  CurveMath m(curve);
-  const unsigned rlen = (m.n.bits() + 7) / 8;
-  const BigNum e = bits2int(hash, m.n);
-  const std::vector<unsigned char> x = d.bin(rlen), h1 = mod(e, m.n).bin(rlen);
+  const nist::CtCurve* cc = nist::CtCurve::forCurve(curve);
+  if (!cc) return {};
+  const BigNum& n = cc->order();
+  const unsigned rlen = static_cast<unsigned>(cc->orderBytes()), qlen = n.bits();
+  const BigNum e = mod(bits2int(hash, n), n);
+  const std::vector<unsigned char> h1 = e.bin(rlen);
+  const Wiped key{scalarBytes(d, rlen)};
+  // int2octets(d) is the low rlen bytes; a d that needs more (set by hand, not through
+  // setPrivateKey) still signs with all of its digits below.
+  const asn1::blob x(key.bytes.data() + key.bytes.size() - rlen, rlen);
 
   // RFC 6979 section 3.2: HMAC_DRBG seeded with the key and the digest.
   const unsigned hlen = createHash(hashId)->digestLength();
-  std::vector<unsigned char> K(hlen, 0x00), V(hlen, 0x01);
+  Wiped K{std::vector<unsigned char>(hlen, 0x00)}, V{std::vector<unsigned char>(hlen, 0x01)};
   auto hmac = [&](std::initializer_list<asn1::blob> parts) {
-    auto mac = createHMAC(hashId, K);
+    auto mac = createHMAC(hashId, K.bytes);
     for (asn1::blob part : parts) mac->update(part.span());
     return mac->digest();
   };
   const unsigned char zeroByte = 0, oneByte = 1;
-  K = hmac({V, asn1::blob(&zeroByte, 1), x, h1});
-  V = hmac({V});
-  K = hmac({V, asn1::blob(&oneByte, 1), x, h1});
-  V = hmac({V});
+  K.bytes = hmac({V.bytes, asn1::blob(&zeroByte, 1), x, h1});
+  V.bytes = hmac({V.bytes});
+  K.bytes = hmac({V.bytes, asn1::blob(&oneByte, 1), x, h1});
+  V.bytes = hmac({V.bytes});
+  Wiped t, k{std::vector<unsigned char>(rlen)};
+  std::vector<unsigned char> xy(2 * cc->fieldBytes()), sBytes(rlen);
   for (;;) {
-    std::vector<unsigned char> t;
-    while (t.size() < rlen) {
-      V = hmac({V});
-      t.insert(t.end(), V.begin(), V.end());
+    t.bytes.clear();
+    while (t.bytes.size() < rlen) {
+      V.bytes = hmac({V.bytes});
+      t.bytes.insert(t.bytes.end(), V.bytes.begin(), V.bytes.end());
     }
-    const BigNum k = bits2int(asn1::blob(t.data(), rlen), m.n);
-    if (!k.isZero() && k < m.n) {
-      const BigNum r = mod(m.w.toEC(m.w.mul(blinded(k, m.n), m.w.fromEC(m.G))).x, m.n);
-      const BigNum s = mod(inverseBlinded(k, m.n) * mod(e + r * d, m.n), m.n);
+    // bits2int: the leftmost qlen bits of the rlen bytes, shifted by a public amount.
+    const unsigned shift = 8 * rlen - qlen;
+    for (unsigned i = rlen; i-- > 0;)
+      k.bytes[i] = static_cast<unsigned char>((t.bytes[i] >> shift) | (i && shift ? t.bytes[i - 1] << (8 - shift) : 0));
+    // A candidate outside [1, n − 1] is discarded. Declassifying that verdict only tells that a
+    // candidate was thrown away, which happens with negligible probability on these curves
+    // (below 2^-32 per signature); the candidate itself stays secret.
+    if (ct::declassified(cc->scalarInRange(k.bytes.data(), rlen))) {
+      cc->mulBase(xy.data(), k.bytes.data(), rlen);
+      // x(k·G) is public: every verifier recomputes it from the signature and the key.
+      ct::declassify(xy.data(), cc->fieldBytes());
+      const BigNum r = mod(BigNum(asn1::blob(xy.data(), cc->fieldBytes())), n);
+      cc->ecdsaS(sBytes.data(), k.bytes.data(), key.bytes.data(), key.bytes.size(), e, r);
+      ct::declassify(sBytes.data(), sBytes.size());  // the signature's second half
+      const BigNum s(asn1::blob(sBytes.data(), sBytes.size()));
       if (!r.isZero() && !s.isZero()) {
         DerEncoder enc;
         enc.sequence([&](DerEncoder& seq) {
@@ -250,17 +279,22 @@ std::vector<unsigned char> EcPrivateKey::signHashed(unsigned hashId, asn1::blob 
         return std::move(enc.data);
       }
     }
-    K = hmac({V, asn1::blob(&zeroByte, 1)});
-    V = hmac({V});
+    K.bytes = hmac({V.bytes, asn1::blob(&zeroByte, 1)});
+    V.bytes = hmac({V.bytes});
   }
 }
 
 std::vector<unsigned char> EcPrivateKey::deriveSharedSecret(const EcPublicKey& peer) const {
   if (peer.curve != curve) return {};
-  CurveMath m(curve);
-  WCurve::Point P = m.w.mul(blinded(d, m.n), m.w.fromEC(peer.Q));
-  if (P.isInfinity()) return {};
-  return m.w.toEC(std::move(P)).x.bin(getModLen(curve));
+  const nist::CtCurve* cc = nist::CtCurve::forCurve(curve);
+  // A point off the curve would take the complete formulas onto another curve, whose small
+  // subgroups give the key away bit by bit: such a peer gets nothing.
+  if (!cc || !cc->onCurve_vartime(peer.Q)) return {};
+  const Wiped k{scalarBytes(d, cc->orderBytes())};
+  Wiped xy{std::vector<unsigned char>(2 * cc->fieldBytes())};
+  // d·Q is the point at infinity only for a d that is a multiple of n: a public failure.
+  if (ct::declassified(cc->mul(xy.bytes.data(), k.bytes.data(), k.bytes.size(), peer.Q))) return {};
+  return std::vector<unsigned char>(xy.bytes.begin(), xy.bytes.begin() + static_cast<std::ptrdiff_t>(cc->fieldBytes()));
 }
 
 }  // namespace tessel
