@@ -20,6 +20,36 @@ inline constexpr std::uint32_t tagEnd = 256;      // the level has no further el
 inline constexpr std::uint32_t tagError = 257;    // malformed input; sticky
 inline constexpr std::uint32_t tagUnread = 0xFFFFFFFF;
 
+// Universal tags as their identifier bytes (constructed ones with the 0x20 bit set).
+inline constexpr std::uint32_t tagBoolean = 0x01;
+inline constexpr std::uint32_t tagInteger = 0x02;
+inline constexpr std::uint32_t tagBitString = 0x03;
+inline constexpr std::uint32_t tagOctetString = 0x04;
+inline constexpr std::uint32_t tagNull = 0x05;
+inline constexpr std::uint32_t tagOid = 0x06;
+inline constexpr std::uint32_t tagEnumerated = 0x0A;
+inline constexpr std::uint32_t tagUtf8String = 0x0C;
+inline constexpr std::uint32_t tagPrintableString = 0x13;
+inline constexpr std::uint32_t tagT61String = 0x14;
+inline constexpr std::uint32_t tagIa5String = 0x16;
+inline constexpr std::uint32_t tagUtcTime = 0x17;
+inline constexpr std::uint32_t tagGeneralizedTime = 0x18;
+inline constexpr std::uint32_t tagUniversalString = 0x1C;
+inline constexpr std::uint32_t tagBmpString = 0x1E;
+inline constexpr std::uint32_t tagSequence = 0x30;  // SEQUENCE and SEQUENCE OF
+inline constexpr std::uint32_t tagSet = 0x31;       // SET and SET OF
+
+// explicitTag is the tag of `[n] EXPLICIT` (context-specific, constructed: 0xA0|n), n < 31.
+constexpr std::uint32_t explicitTag(unsigned n) { return 0xA0 | n; }
+// implicitTag is the tag of `[n] IMPLICIT` over a primitive type (0x80|n), n < 31.
+constexpr std::uint32_t implicitTag(unsigned n) { return 0x80 | n; }
+// implicitConstructedTag is the tag of `[n] IMPLICIT` over a constructed type such as a
+// SEQUENCE (0xA0|n), n < 31.
+constexpr std::uint32_t implicitConstructedTag(unsigned n) { return 0xA0 | n; }
+
+// Presence is what parser::readOptional found for an OPTIONAL element.
+enum class Presence { absent, present, malformed };
+
 // parser walks the elements of one DER level. Everything it returns points into the input,
 // which must outlive the parser and its results. It never reads outside its input: any
 // malformation sets the sticky error tag 257 and empties all views, so a caller that expects a
@@ -36,6 +66,8 @@ struct parser {
 
   // parser reads the first element of `input` (tag 256 if it is empty, 257 if malformed).
   explicit parser(blob input) : rest(input) { next(); }
+  // A default parser is at the end of an empty level, ready to be assigned.
+  parser() : parser(blob()) {}
 
   // next reads the element after the current one. It returns true for an element or for the
   // first arrival at the end (tag 256), false on malformed input or when stepping past the end
@@ -61,7 +93,38 @@ struct parser {
   bool takeBool();
   // takeString returns the content bytes as text and steps on.
   std::string takeString();
+
+  // read checks that the current element has tag `t`, hands out its content in `*out` (when
+  // `out` is not null) and steps past it. It returns false, leaving the parser and `*out` as they
+  // were, when the tag differs; and false in the error state when the element after it is
+  // malformed.
+  bool read(std::uint32_t t, blob* out = nullptr);
+  // read with a child parser: as above, `*child` becomes a parser over the content (reading its
+  // first element), as `parser(content)` would.
+  bool read(std::uint32_t t, parser* child);
+  // readElement is read handing out the whole element (tag, length and content).
+  bool readElement(std::uint32_t t, blob* whole);
+  // readOptional reads an `OPTIONAL` element of tag `t`: present (content in `*out`, stepped
+  // past), absent (another tag or the level's end; nothing moves), or malformed (the parser is,
+  // or by stepping comes into, the error state).
+  Presence readOptional(std::uint32_t t, blob* out = nullptr);
+  Presence readOptional(std::uint32_t t, parser* child);
+  // isAt checks that the current element has tag `t` and hands out its content in `*out` (when
+  // not null) without stepping: what follows it is not looked at.
+  bool isAt(std::uint32_t t, blob* out = nullptr) const {
+    if (tag != t) return false;
+    if (out) *out = content;
+    return true;
+  }
+  // atEnd says the level has no further element (and nothing was malformed).
+  bool atEnd() const { return tag == tagEnd; }
+  // failed says the input was malformed; the state is sticky.
+  bool failed() const { return tag == tagError; }
 };
+
+// readOnly reads `der` as exactly one element of tag `t` and gives a parser over its content;
+// false when the tag differs, the element is malformed or anything follows it.
+bool readOnly(blob der, std::uint32_t t, parser* child);
 
 // bitStringContent drops the unused-bits byte of a BIT STRING content; empty when the content
 // is empty or that count is 8 or more. The count is not otherwise applied.
@@ -134,9 +197,9 @@ class DerEncoder {
   void addTag(unsigned tag, unsigned len);
   void addPrimitive(unsigned tag, asn1::blob content);
   void addBitString(asn1::blob bits);  // with a 00 unused-bits byte
-  void addOctetString(asn1::blob bytes) { addPrimitive(0x04, bytes); }
-  void addOid(asn1::blob oidContent) { addPrimitive(0x06, oidContent); }
-  void addNull() { addTag(0x05, 0); }
+  void addOctetString(asn1::blob bytes) { addPrimitive(asn1::tagOctetString, bytes); }
+  void addOid(asn1::blob oidContent) { addPrimitive(asn1::tagOid, oidContent); }
+  void addNull() { addTag(asn1::tagNull, 0); }
   void addBool(unsigned tag, bool v);
   void addInt(unsigned tag, unsigned v);
   // addInt writes a non-negative big number as a minimal INTEGER content: a 00 byte goes in
@@ -148,8 +211,8 @@ class DerEncoder {
   // beginElement opens a constructed element with a one-byte placeholder length; the returned
   // scope closes it. beginSequence opens 0x30, beginContext0 opens [0] (0xA0).
   DerScope beginElement(unsigned tag);
-  DerScope beginSequence() { return beginElement(0x30); }
-  DerScope beginContext0() { return beginElement(0xA0); }
+  DerScope beginSequence() { return beginElement(asn1::tagSequence); }
+  DerScope beginContext0() { return beginElement(asn1::explicitTag(0)); }
   // element writes `tag` around whatever `body(*this)` appends.
   template <class Body>
   void element(unsigned tag, Body&& body) {
@@ -158,7 +221,7 @@ class DerEncoder {
   }
   template <class Body>
   void sequence(Body&& body) {
-    element(0x30, std::forward<Body>(body));
+    element(asn1::tagSequence, std::forward<Body>(body));
   }
 
   // updateLen closes the element whose tag byte is at `pos`, widening its length field when

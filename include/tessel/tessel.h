@@ -34,6 +34,7 @@
 #include "tessel/mlkem_keys.h"
 #include "tessel/mschapv2.h"
 #include "tessel/names.h"
+#include "tessel/oids.h"
 #include "tessel/pbkdf2.h"
 #include "tessel/pem.h"
 #include "tessel/pkcs8.h"

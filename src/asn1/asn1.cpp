@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "tessel/oids.h"
+
 namespace tessel {
 
 namespace asn1 {
@@ -35,6 +37,9 @@ bool parser::next() {
   }
   elemStart = rest.start;
   std::uint32_t t = rest.pop_front();
+  // X.690 8.1.2.4: tag numbers of 31 and more follow in base-128 bytes. A leading 0x80 byte
+  // (not minimal, X.690 8.1.2.4.2 c) is let through as stored data has it; at most four
+  // identifier bytes fit the tag word.
   if ((t & 0x1F) == 0x1F) {
     unsigned char b;
     do {
@@ -45,7 +50,13 @@ bool parser::next() {
   }
   if (rest.empty()) return fail();
   std::uint32_t len = rest.pop_front();
+  // X.690 8.1.3.4: a first length byte below 0x80 is the short form, the length itself.
   if (len >= 0x80) {
+    // X.690 8.1.3.5: the long form gives the count of length bytes that follow. A count of 0
+    // is the indefinite form (X.690 8.1.3.6), which DER forbids (X.690 10.1) and we refuse;
+    // counts over four (0xFF among them, reserved by X.690 8.1.3.5 c) exceed our lengths and
+    // are refused. Long forms that a shorter form could say (leading zero bytes, or values
+    // below 0x80, both against X.690 10.1) are accepted: stored objects have them.
     const unsigned n = len & 0x7F;
     if (n == 0 || n > 4 || rest.size() < n) return fail();
     len = 0;
@@ -54,6 +65,7 @@ bool parser::next() {
       len = (len << 8) | rest.pop_front();
     }
   }
+  // A length beyond the bytes of this level is malformed: nothing is read past the end.
   if (rest.size() < len) return fail();
   tag = t;
   content = rest.pop_front(len);
@@ -61,7 +73,7 @@ bool parser::next() {
 }
 
 bool parser::enter() {
-  if (tag != 0x30) {
+  if (tag != tagSequence) {
     tag = tagError;
     rest = {};
     elemStart = nullptr;
@@ -84,6 +96,47 @@ blob parser::takeElement() {
 }
 
 bool parser::skipIf(std::uint32_t t) { return tag == t ? next() : false; }
+
+bool parser::read(std::uint32_t t, blob* out) {
+  if (tag != t) return false;
+  const blob c = content;
+  if (!next()) return false;
+  if (out) *out = c;
+  return true;
+}
+
+bool parser::read(std::uint32_t t, parser* child) {
+  blob c;
+  if (!read(t, &c)) return false;
+  *child = parser(c);
+  return true;
+}
+
+bool parser::readElement(std::uint32_t t, blob* whole) {
+  if (tag != t) return false;
+  const blob w(elemStart, content.finish);
+  if (!next()) return false;
+  *whole = w;
+  return true;
+}
+
+Presence parser::readOptional(std::uint32_t t, blob* out) {
+  if (tag == tagError) return Presence::malformed;
+  if (tag != t) return Presence::absent;
+  return read(t, out) ? Presence::present : Presence::malformed;
+}
+
+Presence parser::readOptional(std::uint32_t t, parser* child) {
+  blob c;
+  const Presence found = readOptional(t, &c);
+  if (found == Presence::present) *child = parser(c);
+  return found;
+}
+
+bool readOnly(blob der, std::uint32_t t, parser* child) {
+  parser p(der);
+  return p.read(t, child) && p.atEnd();
+}
 
 // takeUInt and takeString read the value before stepping, so a malformed element after the
 // current one still leaves the value read (the step's failure shows in the parser's state).
@@ -164,27 +217,8 @@ std::string oidStr(blob oid) {
 }
 
 std::string oid2name(blob oid) {
-  struct Named {
-    std::vector<unsigned char> content;
-    const char* name;
-  };
-  static const Named names[] = {
-      {{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04}, "MD5+RSA"},
-      {{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x05}, "SHA1+RSA"},
-      {{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x0B}, "SHA256+RSA"},
-      {{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x0C}, "SHA384+RSA"},
-      {{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x0D}, "SHA512+RSA"},
-      {{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x01}, "SHA1+ECDSA"},
-      {{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x01}, "SHA224+ECDSA"},
-      {{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x02}, "SHA256+ECDSA"},
-      {{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x03}, "SHA384+ECDSA"},
-      {{0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x04}, "SHA512+ECDSA"},
-      {{0x2B, 0x65, 0x70}, "ED25519"},
-      {{0x2B, 0x65, 0x71}, "ED448"},
-  };
-  for (const Named& n : names)
-    if (blob(n.content) == oid) return n.name;
-  return oidStr(oid);
+  const SignatureAlgorithm* a = findSignatureAlgorithm(oid);
+  return a && a->name ? a->name : oidStr(oid);
 }
 
 }  // namespace asn1
@@ -220,7 +254,7 @@ void DerEncoder::addPrimitive(unsigned tag, asn1::blob content) {
 }
 
 void DerEncoder::addBitString(asn1::blob bits) {
-  addTag(0x03, static_cast<unsigned>(bits.size() + 1));
+  addTag(asn1::tagBitString, static_cast<unsigned>(bits.size() + 1));
   data.push_back(0);
   addBytes(bits);
 }

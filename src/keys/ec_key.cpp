@@ -9,17 +9,13 @@
 #include "ec/nist_ct.h"
 #include "tessel/factory.h"
 #include "tessel/hash.h"
+#include "tessel/oids.h"
 #include "tessel/reducer.h"
 
 namespace tessel {
 
 namespace {
 
-const unsigned char kOidP192[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x01};
-const unsigned char kOidP224[] = {0x2b, 0x81, 0x04, 0x00, 0x21};
-const unsigned char kOidP256[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
-const unsigned char kOidP384[] = {0x2b, 0x81, 0x04, 0x00, 0x22};
-const unsigned char kOidP521[] = {0x2b, 0x81, 0x04, 0x00, 0x23};
 constexpr Curve kCurves[] = {Curve::p192, Curve::p224, Curve::p256, Curve::p384, Curve::p521};
 
 BigNum mod(const BigNum& a, const BigNum& m) {
@@ -75,11 +71,11 @@ void writeHex(std::ostream& out, const std::vector<unsigned char>& bytes) {
 
 asn1::blob getCurveOid(Curve c) {
   switch (c) {
-    case Curve::p192: return asn1::blob(kOidP192, sizeof kOidP192);
-    case Curve::p224: return asn1::blob(kOidP224, sizeof kOidP224);
-    case Curve::p256: return asn1::blob(kOidP256, sizeof kOidP256);
-    case Curve::p384: return asn1::blob(kOidP384, sizeof kOidP384);
-    case Curve::p521: return asn1::blob(kOidP521, sizeof kOidP521);
+    case Curve::p192: return asn1::oid::prime192v1.content();
+    case Curve::p224: return asn1::oid::secp224r1.content();
+    case Curve::p256: return asn1::oid::prime256v1.content();
+    case Curve::p384: return asn1::oid::secp384r1.content();
+    case Curve::p521: return asn1::oid::secp521r1.content();
   }
   return {};
 }
@@ -97,8 +93,8 @@ const char* getCurveName(Curve c) {
 
 bool EcPublicKey::parseCurveParams(asn1::blob params) {
   asn1::parser der(params);
-  if (der.tag == 0x06 && der.rest.empty()) {
-    asn1::blob oid = der.content;
+  asn1::blob oid;
+  if (der.isAt(asn1::tagOid, &oid) && der.rest.empty()) {
     for (Curve c : kCurves)
       if (getCurveOid(c) == oid) {
         curve = c;
@@ -143,13 +139,13 @@ void EcPublicKey::dump(std::ostream& out) const {
 
 // Verification sees public data only and stays on WCurve's variable-time arithmetic.
 bool EcPublicKey::verifyHashed(asn1::blob hash, asn1::blob signature) const {
-  asn1::parser der(signature);
-  if (der.tag != 0x30 || !der.rest.empty() || !der.enter()) return false;
-  if (der.tag != 0x02) return false;
-  const BigNum r(der.takeContent());
-  if (der.tag != 0x02) return false;
-  const BigNum s(der.takeContent());
-  if (der.tag != asn1::tagEnd) return false;
+  asn1::parser der;
+  asn1::blob rBytes, sBytes;
+  if (!asn1::readOnly(signature, asn1::tagSequence, &der) || !der.read(asn1::tagInteger, &rBytes) ||
+      !der.read(asn1::tagInteger, &sBytes) || !der.atEnd())
+    return false;
+  const BigNum r(rBytes);
+  const BigNum s(sBytes);
 
   CurveMath m(curve);
   if (r.isZero() || s.isZero() || r >= m.n || s >= m.n) return false;
@@ -182,23 +178,24 @@ bool EcPrivateKey::setPrivateKey(Curve c, const BigNum& scalar) {
 }
 
 bool EcPrivateKey::parseFromDerEncoded(asn1::blob key, asn1::blob params) {
-  asn1::parser der(key);
-  if (der.tag != 0x30 || !der.rest.empty() || !der.enter()) return false;
-  if (der.tag != 0x02 || der.takeUInt() != 1) return false;
-  if (der.tag != 0x04) return false;
-  const BigNum scalar(der.takeContent());
-  asn1::blob inner, pub;
-  if (der.tag == 0xA0) inner = der.takeContent();
-  if (der.tag == 0xA1) pub = der.takeContent();
-  if (der.tag != asn1::tagEnd) return false;
+  asn1::parser der;
+  asn1::blob privateKey, inner, pub;
+  if (!asn1::readOnly(key, asn1::tagSequence, &der)) return false;
+  if (!der.isAt(asn1::tagInteger) || der.takeUInt() != 1) return false;
+  if (!der.read(asn1::tagOctetString, &privateKey)) return false;
+  const BigNum scalar(privateKey);
+  der.readOptional(asn1::explicitTag(0), &inner);  // parameters
+  der.readOptional(asn1::explicitTag(1), &pub);    // publicKey
+  if (!der.atEnd()) return false;
   if (params.empty() && inner.empty()) return false;
   if (!params.empty() && !inner.empty() && !(params == inner)) return false;
   if (!parseCurveParams(params.empty() ? inner : params)) return false;
   if (!setPrivateKey(curve, scalar)) return false;
   if (pub.empty()) return true;
   asn1::parser bits(pub);
-  if (bits.tag != 0x03 || !bits.rest.empty()) return false;
-  return asn1::bitStringContent(bits.content) == asn1::blob(EcPublicKey::encodeToDerEncoded());
+  asn1::blob bitString;
+  if (!bits.read(asn1::tagBitString, &bitString) || !bits.atEnd()) return false;
+  return asn1::bitStringContent(bitString) == asn1::blob(EcPublicKey::encodeToDerEncoded());
 }
 
 std::vector<unsigned char> EcPrivateKey::encodeToDerEncoded() const {

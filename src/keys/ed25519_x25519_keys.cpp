@@ -47,8 +47,8 @@ Key25519Private::~Key25519Private() { std::memset(privateKey.data(), 0, privateK
 bool Key25519Private::parseFromDerEncoded(asn1::blob key, asn1::blob params) {
   if (!params.empty()) return false;
   asn1::parser der(key);
-  if (der.tag != 0x04 || !der.rest.empty()) return false;
-  asn1::blob inner = der.takeContent();
+  asn1::blob inner;
+  if (!der.read(asn1::tagOctetString, &inner) || !der.atEnd()) return false;
   if (inner.size() != privateKey.size()) return false;
   setPrivateKey(inner.data());
   return true;

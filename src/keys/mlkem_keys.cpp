@@ -12,7 +12,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 constexpr std::size_t kSeedSize = 64;
-constexpr unsigned kSeedTag = 0x80;  // [0] IMPLICIT OCTET STRING
+constexpr unsigned kSeedTag = asn1::implicitTag(0);  // [0] IMPLICIT OCTET STRING
 // FIPS 203 dk = dk_PKE (384 k bytes) || ek || H(ek) || z: the encapsulation key starts here.
 constexpr std::size_t kEkOffset = 1152;
 
@@ -113,13 +113,12 @@ bool MLKEMPrivateKey::parseFromDerEncoded(asn1::blob key, asn1::blob params) {
   if (!der.rest.empty()) return false;
   switch (der.tag) {
     case kSeedTag: return setSeed(der.takeContent().span());
-    case 0x04: return setExpanded(der.takeContent());
-    case 0x30: {
-      if (!der.enter() || der.tag != 0x04) return false;
-      const asn1::blob seed = der.takeContent();
-      if (der.tag != 0x04) return false;
-      const asn1::blob expanded = der.takeContent();
-      if (der.tag != asn1::tagEnd) return false;
+    case asn1::tagOctetString: return setExpanded(der.takeContent());
+    case asn1::tagSequence: {
+      asn1::blob seed, expanded;
+      if (!der.enter() || !der.read(asn1::tagOctetString, &seed) || !der.read(asn1::tagOctetString, &expanded) ||
+          !der.atEnd())
+        return false;
       // The pair must agree: the expanded key is the one its seed derives.
       if (!setSeed(seed.span())) return false;
       if (sameSecret(expanded, dk_)) return true;

@@ -9,6 +9,7 @@
 #include "tessel/cipher.h"
 #include "tessel/hmac.h"
 #include "tessel/mlkem_keys.h"
+#include "tessel/oids.h"
 #include "tessel/rng.h"
 #include "tessel/rsa.h"
 
@@ -18,12 +19,8 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-const Bytes kPbes2 = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x05, 0x0D};
-const Bytes kPbkdf2 = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x05, 0x0C};
-const Bytes kHmacSha1 = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x07};
-const Bytes kHmacSha256 = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x09};
-const Bytes kAes256Cbc = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x01, 0x2A};
-const Bytes kPbeSha3Des = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x0C, 0x01, 0x03};
+using asn1::Presence;
+namespace oid = asn1::oid;
 
 // iterationsOk refuses a count of 0 or above kMaxPbeIterations (a hostile file could otherwise keep
 // the appliance busy for hours), and says why on one line, as the other refusals here do.
@@ -34,7 +31,7 @@ bool iterationsOk(unsigned iterations) {
 }
 
 struct CbcScheme {
-  Bytes oid;
+  const asn1::Oid* oid;
   unsigned keyBytes, ivBytes;
   std::unique_ptr<BlockCipher> (*make)(const unsigned char* key);
 };
@@ -45,13 +42,11 @@ std::unique_ptr<BlockCipher> makeCipher(const unsigned char* key) {
 }
 
 const CbcScheme kSchemes[] = {
-    {{0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x03, 0x07}, 24, 8, makeCipher<DES3>},
-    {{0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x01, 0x02}, 16, 16, makeCipher<AES128>},
-    {{0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x01, 0x16}, 24, 16, makeCipher<AES192>},
-    {kAes256Cbc, 32, 16, makeCipher<AES256>},
+    {&oid::desEde3Cbc, 24, 8, makeCipher<DES3>},
+    {&oid::aes128Cbc, 16, 16, makeCipher<AES128>},
+    {&oid::aes192Cbc, 24, 16, makeCipher<AES192>},
+    {&oid::aes256Cbc, 32, 16, makeCipher<AES256>},
 };
-
-bool same(const Bytes& known, asn1::blob oid) { return asn1::blob(known) == oid; }
 
 // padAndEncrypt appends PKCS#5 padding and encrypts in CBC mode.
 Bytes padAndEncrypt(BlockCipher& cipher, Bytes iv, asn1::blob plaintext) {
@@ -82,15 +77,16 @@ bool decryptAndUnpad(BlockCipher& cipher, Bytes iv, asn1::blob data, Bytes& out)
 // pbes2Run derives the key and runs the cipher once the parameters are known.
 bool pbes2Run(const PBES2Params& params, std::string_view password, asn1::blob data, Bytes& out, bool encrypt) {
   std::unique_ptr<Hash> prf;
-  if (params.prfOid.empty() || same(kHmacSha1, asn1::blob(params.prfOid))) prf = std::make_unique<SHA1>();
-  else if (same(kHmacSha256, asn1::blob(params.prfOid))) prf = std::make_unique<SHA256>();
+  const HashID prfHash = params.prfOid.empty() ? hashSha1 : asn1::hmacHash(asn1::blob(params.prfOid));
+  if (prfHash == hashSha1) prf = std::make_unique<SHA1>();
+  else if (prfHash == hashSha256) prf = std::make_unique<SHA256>();
   if (!prf) {
     std::cout << "unsupported PBES2 KDF: <" << asn1::oid2name(asn1::blob(params.prfOid)) << ">\n";
     return false;
   }
   const CbcScheme* scheme = nullptr;
   for (const CbcScheme& s : kSchemes)
-    if (same(s.oid, asn1::blob(params.encOid))) scheme = &s;
+    if (s.oid->is(asn1::blob(params.encOid))) scheme = &s;
   if (!scheme) {
     std::cout << "PBES2: unimplemented cipher: <" << asn1::oid2name(asn1::blob(params.encOid)) << ">\n";
     return false;
@@ -111,31 +107,28 @@ bool pbes2Run(const PBES2Params& params, std::string_view password, asn1::blob d
 // readPbes2Params reads SEQUENCE { SEQUENCE { PBKDF2, SEQUENCE { salt, iterations, [keyLength],
 // [prf] } }, SEQUENCE { cipher OID, OCTET STRING iv } }.
 bool readPbes2Params(asn1::blob der, PBES2Params& out) {
-  asn1::parser top(der);
-  if (!top.enter() || top.tag != 0x30) return false;
-  asn1::parser kdf(top.takeContent());
-  if (top.tag != 0x30) return false;
-  asn1::parser enc(top.takeContent());
-  if (top.tag != asn1::tagEnd) return false;
-  if (kdf.tag != 0x06) return false;
-  out.kdfOid = kdf.takeContent().vec();
-  if (!same(kPbkdf2, asn1::blob(out.kdfOid)) || !kdf.enter()) return false;
-  if (kdf.tag != 0x04) return false;
-  out.salt = kdf.takeContent().vec();
-  if (kdf.tag != 0x02) return false;
+  asn1::parser top(der), kdf, enc;
+  asn1::blob kdfOid, salt, prfAlgorithm, encOid, iv;
+  if (!top.enter() || !top.read(asn1::tagSequence, &kdf) || !top.read(asn1::tagSequence, &enc) || !top.atEnd())
+    return false;
+  if (!kdf.read(asn1::tagOid, &kdfOid)) return false;
+  out.kdfOid = kdfOid.vec();
+  if (!oid::pbkdf2.is(kdfOid) || !kdf.enter()) return false;
+  if (!kdf.read(asn1::tagOctetString, &salt)) return false;
+  out.salt = salt.vec();
+  if (!kdf.isAt(asn1::tagInteger)) return false;
   out.iterations = kdf.takeUInt();
-  if (kdf.tag == 0x02) kdf.takeUInt();  // keyLength: the cipher decides the length
-  if (kdf.tag == 0x30) {
+  kdf.skipIf(asn1::tagInteger);  // keyLength: the cipher decides the length
+  if (kdf.readOptional(asn1::tagSequence, &prfAlgorithm) == Presence::present) {
     AlgorithmIdentifier prf;
-    if (!parse(prf, kdf.takeContent())) return false;
+    if (!parse(prf, prfAlgorithm)) return false;
     out.prfOid = prf.oid;
   }
-  if (kdf.tag != asn1::tagEnd) return false;
-  if (enc.tag != 0x06) return false;
-  out.encOid = enc.takeContent().vec();
-  if (enc.tag != 0x04) return false;
-  out.iv = enc.takeContent().vec();
-  return enc.tag == asn1::tagEnd;
+  if (!kdf.atEnd()) return false;
+  if (!enc.read(asn1::tagOid, &encOid) || !enc.read(asn1::tagOctetString, &iv)) return false;
+  out.encOid = encOid.vec();
+  out.iv = iv.vec();
+  return enc.atEnd();
 }
 
 // bmpPassword turns a UTF-8 password into the big-endian UTF-16 string with two trailing zero
@@ -235,13 +228,13 @@ std::vector<unsigned char> encodePkcs8PublicKey(const PublicKey& key) {
 }
 
 std::shared_ptr<PublicKey> parsePkcs8PublicKey(asn1::blob der) {
-  asn1::parser outer(der);
-  if (outer.tag != 0x30 || !outer.rest.empty() || !outer.enter()) return nullptr;
-  if (outer.tag != 0x30) return nullptr;
+  asn1::parser spki;
+  asn1::blob algorithm, bitString;
   AlgorithmIdentifier alg;
-  if (!parse(alg, outer.takeContent()) || outer.tag != 0x03) return nullptr;
-  asn1::blob bits = asn1::bitStringContent(outer.takeContent());
-  if (outer.tag != asn1::tagEnd) return nullptr;
+  if (!asn1::readOnly(der, asn1::tagSequence, &spki) || !spki.read(asn1::tagSequence, &algorithm) ||
+      !parse(alg, algorithm) || !spki.read(asn1::tagBitString, &bitString) || !spki.atEnd())
+    return nullptr;
+  asn1::blob bits = asn1::bitStringContent(bitString);
   auto key = makePublicKey(keyTypeFromOid(asn1::blob(alg.oid)));
   if (!key || !key->parseFromDerEncoded(bits, asn1::blob(alg.params))) return nullptr;
   return key;
@@ -265,22 +258,24 @@ std::vector<unsigned char> encodePkcs8PrivateKey(const PrivateKey& key) {
 
 std::pair<std::shared_ptr<PrivateKey>, std::shared_ptr<PublicKey>> parseOneAssimetricKey(asn1::blob der) {
   asn1::parser p(der);
-  if (!p.enter() || p.tag != 0x02) return {};
+  if (!p.enter() || !p.isAt(asn1::tagInteger)) return {};
   const unsigned version = p.takeUInt();
-  if (version >= 2 || p.tag != 0x30) return {};
+  asn1::blob algorithm;
   AlgorithmIdentifier alg;
-  if (!parse(alg, p.takeContent()) || p.tag != 0x04) return {};
+  if (version >= 2 || !p.read(asn1::tagSequence, &algorithm) || !parse(alg, algorithm)) return {};
+  // The key is parsed before the rest of the structure is looked at.
+  if (!p.isAt(asn1::tagOctetString)) return {};
   asn1::blob body = p.takeContent();
   const KeyType type = keyTypeFromOid(asn1::blob(alg.oid));
   auto priv = makePrivateKey(type);
   if (!priv || !priv->parseFromDerEncoded(body, asn1::blob(alg.params))) return {};
-  p.skipIf(0xA0);  // attributes are not looked at
+  p.skipIf(asn1::implicitConstructedTag(0));  // attributes are not looked at
   std::shared_ptr<PublicKey> pub;
-  if (version == 1 && p.tag == 0x81) {
+  if (version == 1 && p.isAt(asn1::implicitTag(1))) {
     pub = makePublicKey(type);
     if (!pub || !pub->parseFromDerEncoded(p.takeContent(), asn1::blob(alg.params))) return {};
   }
-  if (p.tag != asn1::tagEnd) return {};
+  if (!p.atEnd()) return {};
   return {priv, pub};
 }
 
@@ -300,11 +295,10 @@ bool pbes2_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1
 bool pbe1_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1::blob data, Bytes& out,
                 bool encrypt) {
   asn1::parser p{asn1::blob(alg.params)};
-  if (!p.enter() || p.tag != 0x04) return false;
-  asn1::blob salt = p.takeContent();
-  if (p.tag != 0x02) return false;
+  asn1::blob salt;
+  if (!p.enter() || !p.read(asn1::tagOctetString, &salt) || !p.isAt(asn1::tagInteger)) return false;
   const unsigned iterations = p.takeUInt();
-  if (p.tag != asn1::tagEnd || !iterationsOk(iterations)) return false;
+  if (!p.atEnd() || !iterationsOk(iterations)) return false;
   const Bytes pw = bmpPassword(password);
   Bytes key = pkcs12Kdf(1, pw, salt, iterations, 24);
   Bytes iv = pkcs12Kdf(2, pw, salt, iterations, 8);
@@ -321,7 +315,8 @@ std::vector<unsigned char> encodePkcs8EncryptedPrivateKey(const PrivateKey& key,
                                                           unsigned iterations) {
   Bytes inner = encodePkcs8PrivateKey(key);
   if (inner.empty()) return {};
-  PBES2Params params{kPbkdf2, Bytes(16), iterations, kHmacSha256, kAes256Cbc, Bytes(16)};
+  PBES2Params params{oid::pbkdf2.content().vec(), Bytes(16), iterations, oid::hmacWithSha256.content().vec(),
+                     oid::aes256Cbc.content().vec(), Bytes(16)};
   Rng& rng = getDefaultRng();
   if (!rng.generate(params.salt.data(), 16) || !rng.generate(params.iv.data(), 16)) return {};
   Bytes ciphertext = pbes2_encrypt(asn1::blob(inner), password, params);
@@ -330,18 +325,18 @@ std::vector<unsigned char> encodePkcs8EncryptedPrivateKey(const PrivateKey& key,
   DerEncoder e;
   e.sequence([&](DerEncoder& s) {
     s.sequence([&](DerEncoder& alg) {
-      alg.addOid(asn1::blob(kPbes2));
+      alg.addOid(oid::pbes2.content());
       alg.sequence([&](DerEncoder& pbes2) {
         pbes2.sequence([&](DerEncoder& kdf) {
-          kdf.addOid(asn1::blob(kPbkdf2));
+          kdf.addOid(oid::pbkdf2.content());
           kdf.sequence([&](DerEncoder& kp) {
             kp.addOctetString(asn1::blob(params.salt));
             kp.addInt(0x02, iterations);
-            kp.addBytes(asn1::blob(encode(AlgorithmIdentifier{kHmacSha256, {}})));
+            kp.addBytes(asn1::blob(encode(AlgorithmIdentifier{oid::hmacWithSha256.content().vec(), {}})));
           });
         });
         pbes2.sequence([&](DerEncoder& enc) {
-          enc.addOid(asn1::blob(kAes256Cbc));
+          enc.addOid(oid::aes256Cbc.content());
           enc.addOctetString(asn1::blob(params.iv));
         });
       });
@@ -353,16 +348,16 @@ std::vector<unsigned char> encodePkcs8EncryptedPrivateKey(const PrivateKey& key,
 
 std::shared_ptr<PrivateKey> parsePkcs8EncryptedPrivateKey(asn1::blob der, std::string_view password) {
   asn1::parser p(der);
-  if (!p.enter() || p.tag != 0x30) return nullptr;
+  asn1::blob algorithm, ciphertext;
   AlgorithmIdentifier alg;
-  if (!parse(alg, p.takeContent()) || p.tag != 0x04) return nullptr;
-  asn1::blob ciphertext = p.takeContent();
-  if (p.tag != asn1::tagEnd) return nullptr;
+  if (!p.enter() || !p.read(asn1::tagSequence, &algorithm) || !parse(alg, algorithm) ||
+      !p.read(asn1::tagOctetString, &ciphertext) || !p.atEnd())
+    return nullptr;
   Bytes plaintext;
   bool ok;
-  if (same(kPbeSha3Des, asn1::blob(alg.oid))) {
+  if (oid::pbeWithShaAnd3KeyTripleDesCbc.is(asn1::blob(alg.oid))) {
     ok = pbe1_crypt(alg, password, ciphertext, plaintext, false);
-  } else if (same(kPbes2, asn1::blob(alg.oid))) {
+  } else if (oid::pbes2.is(asn1::blob(alg.oid))) {
     ok = pbes2_crypt(alg, password, ciphertext, plaintext, false);
   } else {
     std::cout << "PKCS8: unsupported PBE: <" << asn1::oid2name(asn1::blob(alg.oid)) << ">\n";

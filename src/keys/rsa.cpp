@@ -10,7 +10,7 @@ namespace {
 
 // takeInteger reads an INTEGER element into `out`; false when the current element is not one.
 bool takeInteger(asn1::parser& p, BigNum& out) {
-  if (p.tag != 0x02) return false;
+  if (!p.isAt(asn1::tagInteger)) return false;
   out = BigNum(p.takeContent());
   return p.tag != asn1::tagError;
 }
@@ -61,18 +61,18 @@ asn1::blob RsaPublicKey::parseHashFromDerEncoded(unsigned id, asn1::blob block) 
   if (outer.content.empty()) return fail("digest info does not span whole block");
   if (outer.rest.size() != 0) return fail("trailing data after digest info");
   if (!outer.enter()) return fail("bad digest info prefix");
-  if (outer.tag != 0x30) return fail("missing algo id seq");
+  if (!outer.isAt(asn1::tagSequence)) return fail("missing algo id seq");
   asn1::parser algo(outer.takeContent());
-  if (algo.tag != 0x06) return fail("missing alog id");
+  if (!algo.isAt(asn1::tagOid)) return fail("missing alog id");
   if (getHashID(algo.takeContent()) != id) return fail("not correct signature hash");
   // NULL has no content. Bytes skipped here would give a low-exponent forger room for the
   // garbage a cube root leaves behind, so parameters carrying any are refused.
-  if (algo.tag != 0x05 || !algo.content.empty()) return fail("missing algo id NULL params");
+  if (!algo.isAt(asn1::tagNull) || !algo.content.empty()) return fail("missing algo id NULL params");
   algo.next();
-  if (algo.tag != asn1::tagEnd) return fail("trailing bytes after algo id");
-  if (outer.tag != 0x04) return fail("missing hash");
+  if (!algo.atEnd()) return fail("trailing bytes after algo id");
+  if (!outer.isAt(asn1::tagOctetString)) return fail("missing hash");
   asn1::blob digest = outer.takeContent();
-  if (outer.tag != asn1::tagEnd) return fail("trailing bytes after digest");
+  if (!outer.atEnd()) return fail("trailing bytes after digest");
   unsigned expected = 0;
   switch (id) {
     case hashMd5: expected = 16; break;

@@ -11,9 +11,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using asn1::blob;
 
-constexpr unsigned char kReasonCode[] = {0x55, 0x1D, 0x15};
-constexpr unsigned char kCrlNumber[] = {0x55, 0x1D, 0x14};
-constexpr unsigned char kIssuingDistributionPoint[] = {0x55, 0x1D, 0x1C};
+using asn1::Presence;
 
 // reasonName follows the codes our stored CRL reports have always shown: 7 is "remove from
 // crl" and 8 has no name.
@@ -25,6 +23,41 @@ const char* reasonName(unsigned reason) {
   return reason < std::size(kNames) ? kNames[reason] : "";
 }
 
+// reasonCode is CRLReason ::= ENUMERATED; a value after which the entry's extension is
+// malformed reads as 0, as it always has.
+bool readReasonCode(X509Crl::RevokedCert& rc, blob value, bool) {
+  asn1::parser v(value);
+  if (!v.isAt(asn1::tagEnumerated)) return false;
+  rc.reason = static_cast<std::uint8_t>(v.takeUInt());
+  return true;
+}
+
+const x509::ExtensionReader<X509Crl::RevokedCert> kEntryExtensions[] = {
+    {&asn1::oid::cRLReason, readReasonCode},
+};
+
+bool readCrlNumber(X509Crl& crl, blob value, bool) {
+  blob number;
+  if (!asn1::parser(value).isAt(asn1::tagInteger, &number)) return false;
+  crl.crlNumber = number.vec();
+  return true;
+}
+
+bool readAuthorityKeyIdentifier(X509Crl& crl, blob value, bool) {
+  return x509::readAuthorityKeyId(value, crl.authorityKeyId);
+}
+
+bool ignoreIssuingDistributionPoint(X509Crl&, blob, bool) {
+  std::cout << "ignoring crl ext issuingDistributionPoint\n";
+  return true;
+}
+
+const x509::ExtensionReader<X509Crl> kCrlExtensions[] = {
+    {&asn1::oid::cRLNumber, readCrlNumber},
+    {&asn1::oid::authorityKeyIdentifier, readAuthorityKeyIdentifier},
+    {&asn1::oid::issuingDistributionPoint, ignoreIssuingDistributionPoint},
+};
+
 }  // namespace
 
 bool X509Crl::parse(const unsigned char* data, unsigned len) {
@@ -32,41 +65,42 @@ bool X509Crl::parse(const unsigned char* data, unsigned len) {
 }
 
 bool X509Crl::parseBody(blob der) {
-  asn1::parser top(der);
-  if (top.tag != 0x30 || !top.rest.empty()) return false;
-  asn1::parser p(top.content);
-  if (p.tag == 0x02) p.next();
-  if (p.tag != 0x30 || asn1::parser(p.content).tag != 0x06) return false;
-  p.next();
+  asn1::parser p, signatureAlg;
+  blob entries, extensions, list;
+  if (!asn1::readOnly(der, asn1::tagSequence, &p)) return false;
+  p.skipIf(asn1::tagInteger);  // version, OPTIONAL
+  if (!p.read(asn1::tagSequence, &signatureAlg) || !signatureAlg.isAt(asn1::tagOid)) return false;
   if (!issuer.parse(p.takeElement())) return false;
   if (!thisUpdate.parse(p)) return false;
-  if ((p.tag == 23 || p.tag == 24) && !nextUpdate.parse(p)) return false;
-  if (p.tag == 0x30) {
-    for (asn1::parser e(p.content); e.tag == 0x30; e.next())
+  if ((p.isAt(asn1::tagUtcTime) || p.isAt(asn1::tagGeneralizedTime)) && !nextUpdate.parse(p)) return false;
+  if (p.isAt(asn1::tagSequence, &entries)) {  // revokedCertificates, OPTIONAL
+    for (asn1::parser e(entries); e.isAt(asn1::tagSequence); e.next())
       if (!parseEntry(e.content)) return false;
     p.next();
   }
-  if (p.tag != 0xA0) return p.tag == asn1::tagEnd;
-  asn1::parser wrapper(p.takeContent());
-  if (wrapper.tag != 0x30 || !parseCrlExtensions(wrapper.content)) return false;
-  return p.tag == asn1::tagEnd;
+  switch (p.readOptional(asn1::explicitTag(0), &extensions)) {
+    case Presence::absent: return p.atEnd();
+    case Presence::malformed: return false;
+    case Presence::present: break;
+  }
+  if (!asn1::parser(extensions).isAt(asn1::tagSequence, &list) || !parseCrlExtensions(list)) return false;
+  return p.atEnd();
 }
 
 bool X509Crl::parseEntry(blob entry) {
   asn1::parser p(entry);
-  if (p.tag != 0x02) return false;
   RevokedCert rc;
-  rc.serial = p.takeContent().vec();
+  blob serial, extensions;
+  if (!p.read(asn1::tagInteger, &serial)) return false;
+  rc.serial = serial.vec();
   if (!rc.revocationDate.parse(p)) return false;
-  if (p.tag == 0x30) {
-    for (asn1::parser x(p.content); x.tag == 0x30; x.next()) {
+  if (p.isAt(asn1::tagSequence, &extensions)) {  // crlEntryExtensions, OPTIONAL
+    for (asn1::parser x(extensions); x.isAt(asn1::tagSequence); x.next()) {
       blob oid, value;
       bool critical;
       if (!x509::readExtension(x.content, &oid, &critical, &value)) return false;
-      if (x509::oidIs(kReasonCode, oid)) {
-        asn1::parser v(value);
-        if (v.tag != 10) return false;
-        rc.reason = static_cast<std::uint8_t>(v.takeUInt());
+      if (const auto* reader = x509::findReader(kEntryExtensions, oid)) {
+        if (!reader->read(rc, value, critical)) return false;
       } else {
         std::cout << "unknown crlEntry ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";
         if (critical) return false;
@@ -79,19 +113,12 @@ bool X509Crl::parseEntry(blob entry) {
 
 bool X509Crl::parseCrlExtensions(blob list) {
   x509::ExtensionList extensions;
-  for (asn1::parser x(list); x.tag != asn1::tagEnd; x.next()) {
-    if (x.tag != 0x30) return false;
-    blob oid, value;
+  for (asn1::parser x(list); !x.atEnd(); x.next()) {
+    blob ext, oid, value;
     bool critical;
-    if (!extensions.read(x.content, &oid, &critical, &value)) return false;
-    asn1::parser v(value);
-    if (x509::oidIs(kCrlNumber, oid)) {
-      if (v.tag != 0x02) return false;
-      crlNumber = v.content.vec();
-    } else if (x509::oidIs(x509::kOidAuthorityKeyId, oid)) {
-      if (!x509::readAuthorityKeyId(value, authorityKeyId)) return false;
-    } else if (x509::oidIs(kIssuingDistributionPoint, oid)) {
-      std::cout << "ignoring crl ext issuingDistributionPoint\n";
+    if (!x.isAt(asn1::tagSequence, &ext) || !extensions.read(ext, &oid, &critical, &value)) return false;
+    if (const auto* reader = x509::findReader(kCrlExtensions, oid)) {
+      if (!reader->read(*this, value, critical)) return false;
     } else {
       std::cout << "unknown crl ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";
       if (critical) return false;

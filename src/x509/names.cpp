@@ -5,13 +5,14 @@
 #include <iostream>
 
 #include "tessel/asn1.h"
+#include "tessel/oids.h"
 
 namespace tessel {
 
 namespace {
 
-// The known attributes in canonical order, with their OID content bytes (2.5.4.x), text label
-// and the string type they are written with.
+// The known attributes in canonical order, with the last arc of their OID (id-at, 2.5.4.x),
+// text label and the string type they are written with.
 struct KnownAttr {
   unsigned char arc;
   const char* label;
@@ -19,7 +20,7 @@ struct KnownAttr {
   std::string DistinguishedName::*field;
 };
 
-constexpr unsigned kPrintableString = 0x13, kUtf8String = 0x0C;
+constexpr unsigned kPrintableString = asn1::tagPrintableString, kUtf8String = asn1::tagUtf8String;
 
 const KnownAttr kKnownAttrs[] = {
     {6, "C=", kPrintableString, &DistinguishedName::C},
@@ -32,9 +33,9 @@ const KnownAttr kKnownAttrs[] = {
 };
 
 const KnownAttr* findAttr(const asn1::blob& oid) {
-  if (oid.size() != 3 || oid[0] != 0x55 || oid[1] != 0x04) return nullptr;
+  if (!asn1::oid::idAt.prefixes(oid)) return nullptr;
   for (const KnownAttr& a : kKnownAttrs)
-    if (a.arc == oid[2]) return &a;
+    if (a.arc == oid[asn1::oid::idAt.size]) return &a;
   return nullptr;
 }
 
@@ -42,7 +43,8 @@ const KnownAttr* findAttr(const asn1::blob& oid) {
 // some old certificates).
 bool isDirectoryString(std::uint32_t tag) {
   switch (tag) {
-    case 0x0C: case 0x10: case 0x13: case 0x14: case 0x16: case 0x1C: case 0x1E: return true;
+    case asn1::tagUtf8String: case 0x10: case asn1::tagPrintableString: case asn1::tagT61String:
+    case asn1::tagIa5String: case asn1::tagUniversalString: case asn1::tagBmpString: return true;
     default: return false;
   }
 }
@@ -53,12 +55,12 @@ bool DistinguishedName::parse(asn1::blob der) {
   unknownAttrs.clear();
   asn1::parser name(der);
   if (!name.enter()) return false;
-  while (name.tag == 0x31) {
-    asn1::blob rdn = name.takeContent();
-    asn1::parser set(rdn);
-    if (set.tag != 0x30) return false;
-    asn1::parser atv(set.content);
-    if (atv.tag != 0x06) return false;
+  while (name.isAt(asn1::tagSet)) {
+    asn1::blob rdn, attribute;
+    if (!name.read(asn1::tagSet, &rdn) || !asn1::parser(rdn).isAt(asn1::tagSequence, &attribute)) return false;
+    asn1::parser atv(attribute);
+    if (!atv.isAt(asn1::tagOid)) return false;
+    // A malformed value after the type skips the attribute rather than failing the name.
     asn1::blob oid = atv.takeContent();
     if (!isDirectoryString(atv.tag)) continue;
     asn1::blob value = atv.content;
@@ -77,13 +79,14 @@ std::vector<unsigned char> DistinguishedName::serialize() const {
     for (const KnownAttr& a : kKnownAttrs) {
       const std::string& value = this->*a.field;
       if (value.empty()) continue;
-      DerScope set = e.beginElement(0x31);
+      DerScope set = e.beginElement(asn1::tagSet);
       DerScope atv = e.beginSequence();
-      const unsigned char oid[3] = {0x55, 0x04, a.arc};
-      e.addOid(asn1::blob(oid, 3));
+      asn1::Oid oid = asn1::oid::idAt;
+      oid.bytes[oid.size++] = a.arc;
+      e.addOid(oid.content());
       e.addPrimitive(a.writtenAs, asn1::blob(std::string_view(value)));
     }
-    for (const auto& raw : unknownAttrs) e.addPrimitive(0x31, asn1::blob(raw));
+    for (const auto& raw : unknownAttrs) e.addPrimitive(asn1::tagSet, asn1::blob(raw));
   }
   return std::move(e.data);
 }

@@ -12,8 +12,38 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using asn1::blob;
 
-constexpr unsigned char kExtensionRequest[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x0E};
-constexpr unsigned char kChallengePassword[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x07};
+using asn1::Presence;
+
+bool readSubjectAltName(X509Req& r, blob value, bool critical) {
+  return x509::readSubjectAltNames(value, critical, r.subjectAltNames);
+}
+
+// readKeyUsage reads the KeyUsage bits big-endian, unlike certificates; stored requests and
+// their consumers depend on it.
+bool readKeyUsage(X509Req& r, blob value, bool) {
+  blob bits;
+  if (!asn1::parser(value).isAt(asn1::tagBitString, &bits)) return false;
+  if (!bits.empty()) bits.pop_front();
+  if (bits.size() <= 4) {
+    std::uint32_t n = 0;
+    for (unsigned char b : bits) n = (n << 8) | b;
+    r.keyUsage |= n;
+  }
+  return true;
+}
+
+bool readExtKeyUsage(X509Req& r, blob value, bool) {
+  blob purposes;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &purposes)) return false;
+  r.keyUsage |= x509::extKeyUsageBits(purposes);
+  return true;
+}
+
+const x509::ExtensionReader<X509Req> kRequestExtensions[] = {
+    {&asn1::oid::subjectAltName, readSubjectAltName},
+    {&asn1::oid::keyUsage, readKeyUsage},
+    {&asn1::oid::extKeyUsage, readExtKeyUsage},
+};
 
 }  // namespace
 
@@ -22,57 +52,45 @@ bool X509Req::parse(const unsigned char* data, unsigned len) {
 }
 
 bool X509Req::parseReq(blob der) {
-  asn1::parser top(der);
-  if (top.tag != 0x30 || !top.rest.empty()) return false;
-  asn1::parser p(top.content);
-  if (p.tag == 0x02) p.next();
+  asn1::parser p;
+  blob spki, attributes;
+  if (!asn1::readOnly(der, asn1::tagSequence, &p)) return false;
+  p.skipIf(asn1::tagInteger);  // version
   if (!subject.parse(p.takeElement())) return false;
-  if (p.tag != 0x30) return false;
-  publicKeyInfo = p.takeElement().vec();
-  if (p.tag != 0xA0) return p.tag == asn1::tagEnd;
-  for (asn1::parser a(p.takeContent()); a.tag == 0x30; a.next()) {
+  if (!p.readElement(asn1::tagSequence, &spki)) return false;
+  publicKeyInfo = spki.vec();
+  switch (p.readOptional(asn1::implicitConstructedTag(0), &attributes)) {
+    case Presence::absent: return p.atEnd();
+    case Presence::malformed: return false;
+    case Presence::present: break;
+  }
+  for (asn1::parser a(attributes); a.isAt(asn1::tagSequence); a.next()) {
     asn1::parser attr(a.content);
-    if (attr.tag != 0x06) return false;
-    const blob oid = attr.takeContent();
-    if (attr.tag != 0x31) return false;
-    if (x509::oidIs(kExtensionRequest, oid)) {
-      if (!parseExtensionRequest(attr.content)) return false;
-    } else if (x509::oidIs(kChallengePassword, oid)) {
-      asn1::parser s(attr.content);
-      if (s.tag != 19) return false;
+    blob oid, values;
+    if (!attr.read(asn1::tagOid, &oid) || !attr.isAt(asn1::tagSet, &values)) return false;
+    if (asn1::oid::extensionRequest.is(oid)) {
+      if (!parseExtensionRequest(values)) return false;
+    } else if (asn1::oid::challengePassword.is(oid)) {
+      asn1::parser s(values);
+      if (!s.isAt(asn1::tagPrintableString)) return false;
       challengePassword = s.takeString();
     } else {
       std::cout << "unknown attribute " << asn1::str(oid) << "\n";
     }
   }
-  return p.tag == asn1::tagEnd;
+  return p.atEnd();
 }
 
 bool X509Req::parseExtensionRequest(blob set) {
-  asn1::parser seq(set);
-  if (seq.tag != 0x30) return false;
+  blob list;
+  if (!asn1::parser(set).isAt(asn1::tagSequence, &list)) return false;
   x509::ExtensionList extensions;
-  for (asn1::parser x(seq.content); x.tag == 0x30; x.next()) {
+  for (asn1::parser x(list); x.isAt(asn1::tagSequence); x.next()) {
     blob oid, value;
     bool critical;
     if (!extensions.read(x.content, &oid, &critical, &value)) return false;
-    asn1::parser v(value);
-    if (x509::oidIs(x509::kOidSubjectAltName, oid)) {
-      if (!x509::readSubjectAltNames(value, critical, subjectAltNames)) return false;
-    } else if (x509::oidIs(x509::kOidKeyUsage, oid)) {
-      if (v.tag != 0x03) return false;
-      // Requests have always read the bits big-endian, unlike certificates; stored requests
-      // and their consumers depend on it.
-      blob bits = v.content;
-      if (!bits.empty()) bits.pop_front();
-      if (bits.size() <= 4) {
-        std::uint32_t n = 0;
-        for (unsigned char b : bits) n = (n << 8) | b;
-        keyUsage |= n;
-      }
-    } else if (x509::oidIs(x509::kOidExtKeyUsage, oid)) {
-      if (v.tag != 0x30) return false;
-      keyUsage |= x509::extKeyUsageBits(v.content);
+    if (const auto* reader = x509::findReader(kRequestExtensions, oid)) {
+      if (!reader->read(*this, value, critical)) return false;
     } else {
       std::cout << "unknown ext id=" << asn1::oidStr(oid) << "\n";
     }

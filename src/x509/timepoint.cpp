@@ -49,17 +49,17 @@ void TimePoint::set(const std::tm* t) {
 
 std::pair<unsigned, std::string> TimePoint::toAsn1Time() const {
   std::tm t{};
-  if (seconds_ == kNoExpiry || !breakDownUtc(seconds_, t)) return {24, kNoExpiryText};
+  if (seconds_ == kNoExpiry || !breakDownUtc(seconds_, t)) return {asn1::tagGeneralizedTime, kNoExpiryText};
   const int year = t.tm_year + 1900;
   char buf[64];
   if (year >= 1950 && year <= 2049) {
     std::snprintf(buf, sizeof buf, "%02d%02d%02d%02d%02d%02dZ", year % 100, t.tm_mon + 1, t.tm_mday, t.tm_hour,
                   t.tm_min, t.tm_sec);
-    return {23, buf};
+    return {asn1::tagUtcTime, buf};
   }
   std::snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02dZ", year, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min,
                 t.tm_sec);
-  return {24, buf};
+  return {asn1::tagGeneralizedTime, buf};
 }
 
 std::string TimePoint::toString() const {
@@ -73,10 +73,9 @@ std::string TimePoint::toString() const {
 }
 
 bool TimePoint::parse(asn1::parser& p) {
-  const std::uint32_t tag = p.tag;
-  if (tag != 23 && tag != 24) return false;
+  const bool generalized = p.isAt(asn1::tagGeneralizedTime);
+  if (!generalized && !p.isAt(asn1::tagUtcTime)) return false;
   const std::string text = p.takeString();
-  const bool generalized = tag == 24;
   if (generalized && text == kNoExpiryText) {
     seconds_ = kNoExpiry;
     return true;

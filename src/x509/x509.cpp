@@ -14,17 +14,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using asn1::blob;
 
-// Extension OIDs (content bytes).
-constexpr unsigned char kSubjectKeyId[] = {0x55, 0x1D, 0x0E};
-constexpr unsigned char kCrlDistributionPoints[] = {0x55, 0x1D, 0x1F};
-constexpr unsigned char kBasicConstraints[] = {0x55, 0x1D, 0x13};
-constexpr unsigned char kCertificatePolicies[] = {0x55, 0x1D, 0x20};
-constexpr unsigned char kPolicyMappings[] = {0x55, 0x1D, 0x21};
-constexpr unsigned char kNameConstraints[] = {0x55, 0x1D, 0x1E};
-constexpr unsigned char kPolicyConstraints[] = {0x55, 0x1D, 0x24};
-constexpr unsigned char kInhibitAnyPolicy[] = {0x55, 0x1D, 0x36};
-constexpr unsigned char kAuthorityInfoAccess[] = {0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x01, 0x01};
-constexpr unsigned char kEmbeddedScts[] = {0x2B, 0x06, 0x01, 0x04, 0x01, 0xD6, 0x79, 0x02, 0x04, 0x02};
+using asn1::Presence;
 
 struct UsageName {
   std::uint32_t bit;
@@ -50,8 +40,8 @@ constexpr std::uint32_t kExtLineBits = 0x3F0000;
 // readNames appends every GeneralName of a list; false on a malformed list or name.
 bool readNameList(blob list, std::vector<GeneralName>& out) {
   asn1::parser p(list);
-  while (p.tag != asn1::tagEnd) {
-    if (p.tag == asn1::tagError) return false;
+  while (!p.atEnd()) {
+    if (p.failed()) return false;
     GeneralName name;
     if (!name.parse(p.takeElement())) return false;
     out.push_back(std::move(name));
@@ -79,95 +69,204 @@ std::uint32_t keyUsageValue(blob c) {
 bool readSubtrees(blob list, GeneralName& kept, bool critical) {
   asn1::parser p(list);
   bool haveOne = false;
-  for (; p.tag != asn1::tagEnd; p.next()) {
-    if (p.tag != 0x30) return false;
+  for (; !p.atEnd(); p.next()) {
+    blob subtree;
+    if (!p.isAt(asn1::tagSequence, &subtree)) return false;
     if (haveOne) {
       std::cout << "multiple name contraints not supported\n";
       return !critical;
     }
-    asn1::parser s(p.content);
-    if (s.tag == asn1::tagError || s.tag == asn1::tagEnd) return false;
+    asn1::parser s(subtree);
+    if (s.failed() || s.atEnd()) return false;
     GeneralName name;
     if (!name.parse(s.takeElement())) return false;
-    if (s.tag == 0xA0) {
+    // minimum and maximum are looked for as constructed [0] and [1], as they always were.
+    if (s.isAt(asn1::explicitTag(0))) {
       if (critical) return false;
       s.next();
     }
-    if (s.tag == 0xA1 && critical) return false;
+    if (s.isAt(asn1::explicitTag(1)) && critical) return false;
     kept = std::move(name);
     haveOne = true;
   }
   return true;
 }
 
+// readDistributionPoints appends the fullName GeneralNames of a CRLDistributionPoints value.
+// The distributionPoint [0] is also taken with a primitive tag, and reasons [1] and
+// cRLIssuer [2] are reported with either form; stored certificates have both.
 bool readDistributionPoints(blob value, std::vector<GeneralName>& out) {
-  asn1::parser v(value);
-  if (v.tag != 0x30) return false;
-  asn1::parser p(v.content);
-  for (; p.tag != asn1::tagEnd; p.next()) {
-    if (p.tag != 0x30) return false;
-    asn1::parser dp(p.content);
-    if (dp.tag == 0x80 || dp.tag == 0xA0) {
-      asn1::parser inner(dp.content);
-      if (inner.tag == 0xA0 && !readNameList(inner.content, out)) return false;
-    } else if (dp.tag == 0x81 || dp.tag == 0xA1 || dp.tag == 0x82 || dp.tag == 0xA2) {
+  blob points;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &points)) return false;
+  for (asn1::parser p(points); !p.atEnd(); p.next()) {
+    blob point;
+    if (!p.isAt(asn1::tagSequence, &point)) return false;
+    asn1::parser dp(point);
+    blob pointName, fullName;
+    if (dp.isAt(asn1::implicitTag(0), &pointName) || dp.isAt(asn1::explicitTag(0), &pointName)) {
+      if (asn1::parser(pointName).isAt(asn1::implicitConstructedTag(0), &fullName) && !readNameList(fullName, out))
+        return false;
+    } else if (dp.isAt(asn1::implicitTag(1)) || dp.isAt(asn1::explicitTag(1)) || dp.isAt(asn1::implicitTag(2)) ||
+               dp.isAt(asn1::implicitConstructedTag(2))) {
       std::cout << "unsupported attribute: " << std::hex << dp.tag << std::dec << " in CRL DistributionPoint\n";
     }
   }
   return true;
 }
 
+// readKeyUsage ORs a KeyUsage BIT STRING into the flags; a certificate whose flags stay 0 fails.
+bool readKeyUsage(X509Certificate& c, blob value, bool) {
+  blob bits;
+  if (!asn1::parser(value).isAt(asn1::tagBitString, &bits)) return false;
+  c.keyUsage |= keyUsageValue(bits);
+  return c.keyUsage != 0;
+}
+
+bool readExtKeyUsage(X509Certificate& c, blob value, bool) {
+  blob purposes;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &purposes)) return false;
+  c.keyUsage |= x509::extKeyUsageBits(purposes);
+  return true;
+}
+
+bool readSubjectAltName(X509Certificate& c, blob value, bool critical) {
+  return x509::readSubjectAltNames(value, critical, c.subjectAltNames);
+}
+
+bool readAuthorityKeyIdentifier(X509Certificate& c, blob value, bool) {
+  return x509::readAuthorityKeyId(value, c.authorityKeyId);
+}
+
+bool readSubjectKeyIdentifier(X509Certificate& c, blob value, bool) {
+  blob id;
+  if (!asn1::parser(value).isAt(asn1::tagOctetString, &id)) return false;
+  c.subjectKeyId = id.vec();
+  return true;
+}
+
+bool readCrlDistributionPoints(X509Certificate& c, blob value, bool) {
+  return readDistributionPoints(value, c.crlDistributionPoints);
+}
+
+bool acceptUnused(X509Certificate&, blob, bool) { return true; }
+
+// readBasicConstraints reads SEQUENCE { cA BOOLEAN DEFAULT FALSE, pathLenConstraint INTEGER
+// OPTIONAL }; isCa becomes 1 for cA TRUE and 2 otherwise.
+bool readBasicConstraints(X509Certificate& c, blob value, bool) {
+  blob fields;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &fields)) return false;
+  c.isCa = 2;
+  asn1::parser b(fields);
+  if (b.isAt(asn1::tagBoolean)) {
+    if (b.takeBool()) c.isCa = 1;
+    if (b.failed()) return false;
+  }
+  blob pathLen;
+  if (b.readOptional(asn1::tagInteger, &pathLen) == Presence::present) {
+    if (pathLen.size() > 4 || (!pathLen.empty() && (pathLen[0] & 0x80))) return false;
+    std::uint32_t n = 0;
+    for (unsigned char x : pathLen) n = (n << 8) | x;
+    c.pathLen = static_cast<std::int32_t>(n);
+  }
+  return b.atEnd();
+}
+
+// readNameConstraints reads SEQUENCE { permittedSubtrees [0] OPTIONAL, excludedSubtrees [1]
+// OPTIONAL }, keeping one dNSName subtree of each.
+bool readNameConstraints(X509Certificate& c, blob value, bool critical) {
+  blob fields, permitted, excluded;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &fields)) return false;
+  asn1::parser nc(fields);
+  if (nc.readOptional(asn1::implicitConstructedTag(0), &permitted) == Presence::present &&
+      !readSubtrees(permitted, c.permittedName, critical))
+    return false;
+  if (nc.readOptional(asn1::implicitConstructedTag(1), &excluded) == Presence::present &&
+      !readSubtrees(excluded, c.excludedName, critical))
+    return false;
+  if (!nc.atEnd()) return false;
+  auto supported = [](const GeneralName& n) { return n.type == GeneralName::dNSName || n.type == GeneralName::none; };
+  if (!supported(c.permittedName) || !supported(c.excludedName)) {
+    std::cout << "unsupported ext: name constraints, critical: " << critical << "\n";
+    if (critical) return false;
+  }
+  return true;
+}
+
+bool refusePolicyConstraints(X509Certificate&, blob, bool critical) {
+  std::cout << "unsupported ext: policy constraints, critical: " << critical << "\n";
+  return !critical;
+}
+
+bool refuseInhibitAnyPolicy(X509Certificate&, blob, bool critical) {
+  std::cout << "unsupported ext: inhibit any policy, critical: " << critical << "\n";
+  return !critical;
+}
+
+const x509::ExtensionReader<X509Certificate> kCertificateExtensions[] = {
+    {&asn1::oid::subjectAltName, readSubjectAltName},
+    {&asn1::oid::keyUsage, readKeyUsage},
+    {&asn1::oid::extKeyUsage, readExtKeyUsage},
+    {&asn1::oid::authorityKeyIdentifier, readAuthorityKeyIdentifier},
+    {&asn1::oid::subjectKeyIdentifier, readSubjectKeyIdentifier},
+    {&asn1::oid::cRLDistributionPoints, readCrlDistributionPoints},
+    {&asn1::oid::authorityInfoAccess, acceptUnused},
+    {&asn1::oid::embeddedSctList, acceptUnused},
+    {&asn1::oid::certificatePolicies, acceptUnused},
+    {&asn1::oid::policyMappings, acceptUnused},
+    {&asn1::oid::basicConstraints, readBasicConstraints},
+    {&asn1::oid::nameConstraints, readNameConstraints},
+    {&asn1::oid::policyConstraints, refusePolicyConstraints},
+    {&asn1::oid::inhibitAnyPolicy, refuseInhibitAnyPolicy},
+};
+
 }  // namespace
 
 namespace x509 {
 
 bool ExtensionList::read(blob ext, blob* oid, bool* critical, blob* value) {
-  if (!readExtension(ext, oid, critical, value)) return false;
-  for (const blob& s : seen_)
-    if (s == *oid) return false;
-  seen_.push_back(*oid);
-  return true;
+  return readExtension(ext, oid, critical, value) && seen_.insert(*oid).second;
 }
 
 bool readSubjectAltNames(blob value, bool critical, std::vector<GeneralName>& out) {
-  asn1::parser v(value);
-  if (v.tag != 0x30 || !readNameList(v.content, out)) return false;
+  blob names;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &names) || !readNameList(names, out)) return false;
   return !(critical && out.empty());
 }
 
 bool readAuthorityKeyId(blob value, std::vector<unsigned char>& out) {
-  asn1::parser v(value);
-  if (v.tag != 0x30) return false;
-  asn1::parser a(v.content);
-  if (a.tag == 0x80) out = a.takeContent().vec();
-  a.skipIf(0xA1);
-  a.skipIf(0x82);
-  return a.tag == asn1::tagEnd;
+  blob fields, keyId;
+  if (!asn1::parser(value).isAt(asn1::tagSequence, &fields)) return false;
+  asn1::parser a(fields);
+  if (a.readOptional(asn1::implicitTag(0), &keyId) == Presence::present) out = keyId.vec();
+  a.skipIf(asn1::implicitConstructedTag(1));  // authorityCertIssuer
+  a.skipIf(asn1::implicitTag(2));             // authorityCertSerialNumber
+  return a.atEnd();
 }
 
 bool readExtension(blob ext, blob* oid, bool* critical, blob* value) {
   asn1::parser p(ext);
-  if (p.tag != 0x06) return false;
-  *oid = p.takeContent();
+  if (!p.read(asn1::tagOid, oid)) return false;
   *critical = false;
-  if (p.tag == 0x01) {
-    if (p.content.size() != 1 || (p.content[0] != 0x00 && p.content[0] != 0xFF)) return false;
-    *critical = p.takeBool();
+  blob flag;
+  switch (p.readOptional(asn1::tagBoolean, &flag)) {
+    case Presence::malformed: return false;
+    case Presence::present:
+      if (flag.size() != 1 || (flag[0] != 0x00 && flag[0] != 0xFF)) return false;
+      *critical = flag[0] == 0xFF;
+      break;
+    case Presence::absent: break;
   }
-  if (p.tag != 0x04) return false;
-  *value = p.content;
-  return true;
+  return p.isAt(asn1::tagOctetString, value);
 }
 
 std::uint32_t extKeyUsageBits(blob seqContent) {
-  static constexpr unsigned char kEkuPrefix[] = {0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03};
   std::uint32_t bits = 0;
-  for (asn1::parser p(seqContent); p.tag == 0x06; p.next()) {
+  for (asn1::parser p(seqContent); p.isAt(asn1::tagOid); p.next()) {
     const blob oid = p.content;
     std::uint32_t bit = 0;
-    if (oid.size() == sizeof kEkuPrefix + 1 && std::equal(std::begin(kEkuPrefix), std::end(kEkuPrefix), oid.begin()))
+    if (asn1::oid::idKp.prefixes(oid))
       for (const UsageName& u : kUsageNames)
-        if (u.ekuArc != 0 && u.ekuArc == oid[sizeof kEkuPrefix]) bit = u.bit;
+        if (u.ekuArc != 0 && u.ekuArc == oid[asn1::oid::idKp.size]) bit = u.bit;
     if (bit == 0) std::cout << "unknown extended key usage " << asn1::oidStr(oid) << "\n";
     bits |= bit;
   }
@@ -181,16 +280,14 @@ void dumpNames(const std::vector<GeneralName>& names, const char* indent, std::o
 }  // namespace x509
 
 bool X509Base::unpackObj(blob der) {
-  asn1::parser outer(der);
-  if (outer.tag != 0x30) return false;
-  asn1::parser p(outer.content);
-  if (p.tag != 0x30) return false;
-  tbs = p.takeElement().vec();
-  if (p.tag != 0x30) return false;
-  sigAlg = p.takeElement().vec();
-  if (p.tag != 0x03) return false;
-  const blob bits = p.takeContent();
-  if (p.tag != asn1::tagEnd) return false;
+  blob body, tbsElement, sigAlgElement, bits;
+  if (!asn1::parser(der).isAt(asn1::tagSequence, &body)) return false;
+  asn1::parser p(body);
+  if (!p.readElement(asn1::tagSequence, &tbsElement) || !p.readElement(asn1::tagSequence, &sigAlgElement) ||
+      !p.read(asn1::tagBitString, &bits) || !p.atEnd())
+    return false;
+  tbs = tbsElement.vec();
+  sigAlg = sigAlgElement.vec();
   signature.clear();
   if (!bits.empty() && bits[0] < 8) signature.assign(bits.begin() + 1, bits.end());
   return true;
@@ -198,8 +295,9 @@ bool X509Base::unpackObj(blob der) {
 
 std::string X509Base::sigAlgName() const {
   asn1::parser p{blob(sigAlg)};
-  if (!p.enter() || p.tag != 0x06) return asn1::oid2name({});
-  return asn1::oid2name(p.content);
+  blob oid;
+  if (!p.enter() || !p.isAt(asn1::tagOid, &oid)) return asn1::oid2name({});
+  return asn1::oid2name(oid);
 }
 
 std::vector<unsigned char> X509Base::serialize() const {
@@ -217,99 +315,48 @@ bool X509Certificate::parse(const unsigned char* data, unsigned len) {
 }
 
 bool X509Certificate::parseBody(blob der) {
-  asn1::parser top(der);
-  if (top.tag != 0x30 || !top.rest.empty()) return false;
-  asn1::parser p(top.content);
-  if (p.tag == 0xA0) {
-    if (asn1::parser(p.content).tag != 0x02) return false;
-    p.next();
+  asn1::parser p, version, signatureAlg, validity;
+  blob serialNumber, spki, extensions;
+  if (!asn1::readOnly(der, asn1::tagSequence, &p)) return false;
+  switch (p.readOptional(asn1::explicitTag(0), &version)) {
+    case Presence::malformed: return false;
+    case Presence::present:
+      if (!version.isAt(asn1::tagInteger)) return false;
+      break;
+    case Presence::absent: break;
   }
-  if (p.tag != 0x02 || p.content.size() > 20) return false;
-  serial = p.takeContent().vec();
-  if (p.tag != 0x30 || asn1::parser(p.content).tag != 0x06) return false;
-  p.next();
+  if (!p.read(asn1::tagInteger, &serialNumber) || serialNumber.size() > 20) return false;
+  serial = serialNumber.vec();
+  if (!p.read(asn1::tagSequence, &signatureAlg) || !signatureAlg.isAt(asn1::tagOid)) return false;
   if (!issuer.parse(p.takeElement())) return false;
-  if (p.tag != 0x30) return false;
-  asn1::parser validity(p.takeContent());
+  if (!p.read(asn1::tagSequence, &validity)) return false;
   if (!notBefore.parse(validity) || !notAfter.parse(validity)) return false;
   if (!subject.parse(p.takeElement())) return false;
-  if (p.tag != 0x30) return false;
-  publicKeyInfo = p.takeElement().vec();
-  if (p.tag == 0xA3) {
-    if (!parseExtensions(p.takeContent())) return false;
+  if (!p.readElement(asn1::tagSequence, &spki)) return false;
+  publicKeyInfo = spki.vec();
+  switch (p.readOptional(asn1::explicitTag(3), &extensions)) {
+    case Presence::malformed: return false;
+    case Presence::present:
+      if (!parseExtensions(extensions)) return false;
+      break;
+    case Presence::absent: break;
   }
-  if (p.tag != asn1::tagEnd) return false;  // unique IDs are not supported
+  if (!p.atEnd()) return false;  // unique IDs are not supported
   selfSigned = issuer == subject && !subjectKeyId.empty() &&
                (authorityKeyId.empty() || authorityKeyId == subjectKeyId);
   return true;
 }
 
 bool X509Certificate::parseExtensions(blob a3) {
-  asn1::parser wrapper(a3);
-  if (wrapper.tag != 0x30) return false;
+  blob list;
+  if (!asn1::parser(a3).isAt(asn1::tagSequence, &list)) return false;
   x509::ExtensionList extensions;
-  for (asn1::parser list(wrapper.content); list.tag != asn1::tagEnd; list.next()) {
-    if (list.tag != 0x30) return false;
-    blob oid, value;
+  for (asn1::parser x(list); !x.atEnd(); x.next()) {
+    blob ext, oid, value;
     bool critical;
-    if (!extensions.read(list.content, &oid, &critical, &value)) return false;
-    asn1::parser v(value);
-    if (x509::oidIs(x509::kOidSubjectAltName, oid)) {
-      if (!x509::readSubjectAltNames(value, critical, subjectAltNames)) return false;
-    } else if (x509::oidIs(x509::kOidKeyUsage, oid)) {
-      if (v.tag != 0x03) return false;
-      keyUsage |= keyUsageValue(v.content);
-      if (keyUsage == 0) return false;
-    } else if (x509::oidIs(x509::kOidExtKeyUsage, oid)) {
-      if (v.tag != 0x30) return false;
-      keyUsage |= x509::extKeyUsageBits(v.content);
-    } else if (x509::oidIs(x509::kOidAuthorityKeyId, oid)) {
-      if (!x509::readAuthorityKeyId(value, authorityKeyId)) return false;
-    } else if (x509::oidIs(kSubjectKeyId, oid)) {
-      if (v.tag != 0x04) return false;
-      subjectKeyId = v.content.vec();
-    } else if (x509::oidIs(kCrlDistributionPoints, oid)) {
-      if (!readDistributionPoints(value, crlDistributionPoints)) return false;
-    } else if (x509::oidIs(kAuthorityInfoAccess, oid) || x509::oidIs(kEmbeddedScts, oid) || x509::oidIs(kCertificatePolicies, oid) ||
-               x509::oidIs(kPolicyMappings, oid)) {
-      // accepted, not used
-    } else if (x509::oidIs(kBasicConstraints, oid)) {
-      if (v.tag != 0x30) return false;
-      isCa = 2;
-      asn1::parser b(v.content);
-      if (b.tag == 0x01) {
-        if (b.takeBool()) isCa = 1;
-        if (b.tag == asn1::tagError) return false;
-      }
-      if (b.tag == 0x02) {
-        const blob c = b.takeContent();
-        if (c.size() > 4 || (!c.empty() && (c[0] & 0x80))) return false;
-        std::uint32_t n = 0;
-        for (unsigned char x : c) n = (n << 8) | x;
-        pathLen = static_cast<std::int32_t>(n);
-      }
-      if (b.tag != asn1::tagEnd) return false;
-    } else if (x509::oidIs(kNameConstraints, oid)) {
-      if (v.tag != 0x30) return false;
-      asn1::parser nc(v.content);
-      if (nc.tag == 0xA0) {
-        if (!readSubtrees(nc.takeContent(), permittedName, critical)) return false;
-      }
-      if (nc.tag == 0xA1) {
-        if (!readSubtrees(nc.takeContent(), excludedName, critical)) return false;
-      }
-      if (nc.tag != asn1::tagEnd) return false;
-      auto supported = [](const GeneralName& n) { return n.type == GeneralName::dNSName || n.type == GeneralName::none; };
-      if (!supported(permittedName) || !supported(excludedName)) {
-        std::cout << "unsupported ext: name constraints, critical: " << critical << "\n";
-        if (critical) return false;
-      }
-    } else if (x509::oidIs(kPolicyConstraints, oid)) {
-      std::cout << "unsupported ext: policy constraints, critical: " << critical << "\n";
-      if (critical) return false;
-    } else if (x509::oidIs(kInhibitAnyPolicy, oid)) {
-      std::cout << "unsupported ext: inhibit any policy, critical: " << critical << "\n";
-      if (critical) return false;
+    if (!x.isAt(asn1::tagSequence, &ext) || !extensions.read(ext, &oid, &critical, &value)) return false;
+    if (const auto* reader = x509::findReader(kCertificateExtensions, oid)) {
+      if (!reader->read(*this, value, critical)) return false;
     } else {
       std::cout << "unknown ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";
       if (critical) return false;

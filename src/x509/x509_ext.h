@@ -3,23 +3,29 @@
 
 #include <cstdint>
 #include <ostream>
+#include <set>
 #include <vector>
 
 #include "tessel/asn1.h"
 #include "tessel/names.h"
+#include "tessel/oids.h"
 
 namespace tessel::x509 {
 
-// OID content bytes of the extensions more than one object reads.
-inline constexpr unsigned char kOidSubjectAltName[] = {0x55, 0x1D, 0x11};
-inline constexpr unsigned char kOidKeyUsage[] = {0x55, 0x1D, 0x0F};
-inline constexpr unsigned char kOidExtKeyUsage[] = {0x55, 0x1D, 0x25};
-inline constexpr unsigned char kOidAuthorityKeyId[] = {0x55, 0x1D, 0x23};
+// ExtensionReader ties an extension OID to the function that reads its value (the OCTET STRING
+// content) into the object being parsed; the function's false fails the object.
+template <class Object>
+struct ExtensionReader {
+  const asn1::Oid* oid;
+  bool (*read)(Object& into, asn1::blob value, bool critical);
+};
 
-// oidIs compares OID content bytes with a known OID.
-template <std::size_t N>
-bool oidIs(const unsigned char (&known)[N], asn1::blob oid) {
-  return asn1::blob(known, N) == oid;
+// findReader returns the entry of `oid` in `table`, or null when the extension is unknown.
+template <class Object, std::size_t N>
+const ExtensionReader<Object>* findReader(const ExtensionReader<Object> (&table)[N], asn1::blob oid) {
+  for (const ExtensionReader<Object>& r : table)
+    if (r.oid->is(oid)) return &r;
+  return nullptr;
 }
 
 // Extensions walks the Extension SEQUENCEs of a list, rejecting repeated OIDs.
@@ -27,10 +33,11 @@ class ExtensionList {
  public:
   // read reads one Extension SEQUENCE content: OID, optional BOOLEAN critical (only 00 and
   // FF), OCTET STRING value. False when malformed or when the OID has already been read.
+  // The OIDs seen are kept ordered, so a list of n extensions costs O(n log n).
   bool read(asn1::blob ext, asn1::blob* oid, bool* critical, asn1::blob* value);
 
  private:
-  std::vector<asn1::blob> seen_;
+  std::set<asn1::blob> seen_;
 };
 
 // readExtension is ExtensionList::read without the repetition check (CRL entries).

@@ -1,0 +1,183 @@
+// The tag-checked reads of asn1::parser (read, readElement, readOptional, isAt, readOnly), the
+// named tags against OpenSSL's numbering, and the OID table against OpenSSL's encoder.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "support.h"
+#include "tessel/asn1.h"
+#include "tessel/oids.h"
+
+#if TESSEL_HAVE_OPENSSL
+#include <openssl/asn1.h>
+#include <openssl/objects.h>
+#endif
+
+namespace tessel {
+namespace {
+
+using asn1::blob;
+using asn1::Presence;
+using test::Bytes;
+using test::fromHex;
+
+// state renders where a parser stands: its current tag in hex, "end" or "error".
+std::string state(const asn1::parser& p) {
+  if (p.atEnd()) return "end";
+  if (p.failed()) return "error";
+  char tag[16];
+  std::snprintf(tag, sizeof tag, "%x", p.tag);
+  return tag;
+}
+
+struct ReadCase {
+  const char* der;
+  std::uint32_t tag;
+  bool ok;
+  const char* content;  // handed out on success
+  const char* after;    // state() afterwards
+};
+
+const ReadCase kReads[] = {
+    {"020105", asn1::tagInteger, true, "05", "end"},
+    {"0201050400", asn1::tagInteger, true, "05", "4"},
+    {"020105", asn1::tagSequence, false, "", "2"},           // another tag: nothing moves
+    {"020105ff", asn1::tagInteger, false, "", "error"},      // what follows is malformed
+    {"30800201050000", asn1::tagSequence, false, "", "error"},  // indefinite length
+    {"04820001aa", asn1::tagOctetString, true, "aa", "end"},  // long form where short would do
+    {"048101aa", asn1::tagOctetString, true, "aa", "end"},
+    {"0405aabb", asn1::tagOctetString, false, "", "error"},   // longer than the input
+    {"04850000000001aa", asn1::tagOctetString, false, "", "error"},  // five length bytes
+    {"a1030201070500", asn1::explicitTag(1), true, "020107", "5"},
+    {"8102abcd", asn1::implicitTag(1), true, "abcd", "end"},
+    {"", asn1::tagSequence, false, "", "end"},
+};
+
+TEST(DerRead, ChecksTheTagAndStepsOnlyOnSuccess) {
+  for (const ReadCase& c : kReads) {
+    SCOPED_TRACE(c.der);
+    const Bytes der = fromHex(c.der);
+    asn1::parser p{blob(der)};
+    blob content;
+    EXPECT_EQ(p.read(c.tag, &content), c.ok);
+    EXPECT_EQ(test::toHex(content.vec()), c.content);
+    EXPECT_EQ(state(p), c.after);
+  }
+}
+
+TEST(DerRead, ChildParserAndWholeElement) {
+  const Bytes der = fromHex("30060201050201060500");
+  asn1::parser p{blob(der)};
+  blob whole;
+  ASSERT_TRUE(asn1::parser{blob(der)}.readElement(asn1::tagSequence, &whole));
+  EXPECT_EQ(test::toHex(whole.vec()), "3006020105020106");
+  asn1::parser child;
+  EXPECT_TRUE(child.atEnd());
+  ASSERT_TRUE(p.read(asn1::tagSequence, &child));
+  EXPECT_EQ(state(child), "2");
+  blob first, second;
+  EXPECT_TRUE(child.read(asn1::tagInteger, &first) && child.read(asn1::tagInteger, &second) && child.atEnd());
+  EXPECT_EQ(test::toHex(second.vec()), "06");
+  EXPECT_TRUE(p.isAt(asn1::tagNull));
+  EXPECT_FALSE(p.readElement(asn1::tagSequence, &whole));
+  EXPECT_EQ(state(p), "5");
+}
+
+struct OptionalCase {
+  const char* der;
+  Presence found;
+  const char* content;
+  const char* after;
+};
+
+const OptionalCase kOptionals[] = {
+    {"a0030201020400", Presence::present, "020102", "4"},
+    {"0400", Presence::absent, "", "4"},
+    {"", Presence::absent, "", "end"},
+    {"a003020102ff", Presence::malformed, "", "error"},
+    {"ff", Presence::malformed, "", "error"},
+};
+
+TEST(DerRead, OptionalElementPresentAbsentOrMalformed) {
+  for (const OptionalCase& c : kOptionals) {
+    SCOPED_TRACE(c.der);
+    const Bytes der = fromHex(c.der);
+    asn1::parser p{blob(der)};
+    blob content;
+    EXPECT_EQ(p.readOptional(asn1::explicitTag(0), &content), c.found);
+    EXPECT_EQ(test::toHex(content.vec()), c.content);
+    EXPECT_EQ(state(p), c.after);
+  }
+}
+
+TEST(DerRead, ReadOnlyWantsExactlyOneElement) {
+  const struct {
+    const char* der;
+    bool ok;
+  } cases[] = {{"3000", true}, {"3003020101", true}, {"30000500", false}, {"3000ff", false}, {"0500", false},
+               {"", false}};
+  for (const auto& c : cases) {
+    asn1::parser child;
+    EXPECT_EQ(asn1::readOnly(blob(fromHex(c.der)), asn1::tagSequence, &child), c.ok) << c.der;
+  }
+}
+
+#if TESSEL_HAVE_OPENSSL
+TEST(DerRead, NamedTagsMatchOpenSsl) {
+  const std::pair<std::uint32_t, int> tags[] = {
+      {asn1::tagBoolean, V_ASN1_BOOLEAN},
+      {asn1::tagInteger, V_ASN1_INTEGER},
+      {asn1::tagBitString, V_ASN1_BIT_STRING},
+      {asn1::tagOctetString, V_ASN1_OCTET_STRING},
+      {asn1::tagNull, V_ASN1_NULL},
+      {asn1::tagOid, V_ASN1_OBJECT},
+      {asn1::tagEnumerated, V_ASN1_ENUMERATED},
+      {asn1::tagUtf8String, V_ASN1_UTF8STRING},
+      {asn1::tagPrintableString, V_ASN1_PRINTABLESTRING},
+      {asn1::tagT61String, V_ASN1_T61STRING},
+      {asn1::tagIa5String, V_ASN1_IA5STRING},
+      {asn1::tagUtcTime, V_ASN1_UTCTIME},
+      {asn1::tagGeneralizedTime, V_ASN1_GENERALIZEDTIME},
+      {asn1::tagUniversalString, V_ASN1_UNIVERSALSTRING},
+      {asn1::tagBmpString, V_ASN1_BMPSTRING},
+      {asn1::tagSequence, V_ASN1_CONSTRUCTED | V_ASN1_SEQUENCE},
+      {asn1::tagSet, V_ASN1_CONSTRUCTED | V_ASN1_SET},
+      {asn1::explicitTag(3), V_ASN1_CONTEXT_SPECIFIC | V_ASN1_CONSTRUCTED | 3},
+      {asn1::implicitTag(2), V_ASN1_CONTEXT_SPECIFIC | 2},
+      {asn1::implicitConstructedTag(1), V_ASN1_CONTEXT_SPECIFIC | V_ASN1_CONSTRUCTED | 1},
+  };
+  for (auto [ours, theirs] : tags) EXPECT_EQ(ours, static_cast<std::uint32_t>(theirs));
+}
+
+TEST(OidTable, EveryEntryIsOpenSslsEncodingOfItsDottedText) {
+  std::set<blob> seen;
+  for (const asn1::Oid* o : asn1::kAllOids) {
+    ASN1_OBJECT* obj = OBJ_txt2obj(o->dotted, 1);
+    ASSERT_TRUE(obj) << o->dotted;
+    const blob theirs(OBJ_get0_data(obj), static_cast<std::size_t>(OBJ_length(obj)));
+    EXPECT_TRUE(o->is(theirs)) << o->dotted;
+    EXPECT_EQ(asn1::oidStr(o->content()), o->dotted);
+    ASN1_OBJECT_free(obj);
+    EXPECT_TRUE(seen.insert(o->content()).second) << "listed twice: " << o->dotted;
+  }
+}
+#endif
+
+TEST(OidTable, PrefixesAddsExactlyOneSmallArc) {
+  const asn1::Oid& kp = asn1::oid::idKp;  // 1.3.6.1.5.5.7.3
+  EXPECT_TRUE(kp.prefixes(blob(fromHex("2b06010505070301"))));
+  EXPECT_FALSE(kp.prefixes(kp.content()));
+  EXPECT_FALSE(kp.prefixes(blob(fromHex("2b0601050507038101"))));
+  EXPECT_FALSE(kp.prefixes(blob(fromHex("2b06010505070401"))));
+}
+
+TEST(OidTable, SignatureAndHmacListsAnswerLookups) {
+  for (const asn1::SignatureAlgorithm& a : asn1::signatureAlgorithms())
+    EXPECT_EQ(asn1::findSignatureAlgorithm(a.oid->content()), &a) << a.oid->dotted;
+  for (const asn1::HmacAlgorithm& h : asn1::hmacAlgorithms()) EXPECT_EQ(asn1::hmacHash(h.oid->content()), h.hash);
+  EXPECT_EQ(asn1::findSignatureAlgorithm(asn1::oid::sha256.content()), nullptr);
+  EXPECT_EQ(asn1::hmacHash(asn1::oid::sha256.content()), hashNone);
+}
+
+}  // namespace
+}  // namespace tessel
