@@ -78,8 +78,10 @@ class HashImpl : public Hash {
                           unsigned char* out) override;
 
  protected:
-  // encodeState writes the chaining state as digest() does, digestLength() bytes.
-  virtual void encodeState(unsigned char* out) const = 0;
+  // encodeState writes the chaining state as digest() does, digestLength() bytes, and returns
+  // true. The default returns false: a digest derived with only init and transform has no such
+  // encoding, and digestSecretLength then declines.
+  virtual bool encodeState(unsigned char* /*out*/) const { return false; }
   // lengthIsLittleEndian tells whether the bit count is stored little-endian (MD4, MD5).
   virtual bool lengthIsLittleEndian() const { return false; }
   // init loads the initial chaining state of the algorithm.
@@ -113,7 +115,7 @@ class MD4 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
-  void encodeState(unsigned char* out) const override;
+  bool encodeState(unsigned char* out) const override;
   bool lengthIsLittleEndian() const override { return true; }
 
  private:
@@ -132,7 +134,7 @@ class MD5 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
-  void encodeState(unsigned char* out) const override;
+  bool encodeState(unsigned char* out) const override;
   bool lengthIsLittleEndian() const override { return true; }
 
  private:
@@ -151,7 +153,7 @@ class SHA1 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
-  void encodeState(unsigned char* out) const override;
+  bool encodeState(unsigned char* out) const override;
 
  private:
   std::uint32_t state_[5];
@@ -169,7 +171,7 @@ class SHA256 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
-  void encodeState(unsigned char* out) const override;
+  bool encodeState(unsigned char* out) const override;
 
  private:
   std::uint32_t state_[8];
@@ -189,7 +191,7 @@ class SHA512 : public HashImpl {
   void init() override;
   void transform() override { compressBlocks(buffer_, 1); }
   void compressBlocks(const unsigned char* blocks, std::size_t count) override;
-  void encodeState(unsigned char* out) const override;
+  bool encodeState(unsigned char* out) const override;
 
   std::uint64_t state_[8];
 };

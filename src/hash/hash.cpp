@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <vector>
 
 #include "core/endian.h"
 #include "core/secret.h"
@@ -102,6 +103,8 @@ bool HashImpl::digestSecretLength(const unsigned char* data, unsigned minLen, un
                                   unsigned char* out) {
   TESSEL_ASSERT(minLen <= maxLen);
   if (counter_ == 0) init();
+  std::vector<unsigned char> probe(digestLength());
+  if (!encodeState(probe.data())) return false;
   update(data, minLen);  // the part every case shares goes the ordinary way
   data += minLen;
   const unsigned span = maxLen - minLen, block = blockLength(), shift = std::countr_zero(block);

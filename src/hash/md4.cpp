@@ -50,8 +50,9 @@ void MD4::digest(unsigned char* out) {
   encodeState(out);
 }
 
-void MD4::encodeState(unsigned char* out) const {
+bool MD4::encodeState(unsigned char* out) const {
   for (int i = 0; i < 4; ++i) detail::storeLe32(out + 4 * i, state_[i]);
+  return true;
 }
 
 }  // namespace tessel

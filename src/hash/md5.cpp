@@ -72,8 +72,9 @@ void MD5::digest(unsigned char* out) {
   encodeState(out);
 }
 
-void MD5::encodeState(unsigned char* out) const {
+bool MD5::encodeState(unsigned char* out) const {
   for (int i = 0; i < 4; ++i) detail::storeLe32(out + 4 * i, state_[i]);
+  return true;
 }
 
 }  // namespace tessel

@@ -47,8 +47,9 @@ void SHA1::digest(unsigned char* out) {
   encodeState(out);
 }
 
-void SHA1::encodeState(unsigned char* out) const {
+bool SHA1::encodeState(unsigned char* out) const {
   for (int i = 0; i < 5; ++i) detail::storeBe32(out + 4 * i, state_[i]);
+  return true;
 }
 
 }  // namespace tessel

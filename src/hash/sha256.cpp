@@ -39,8 +39,9 @@ void SHA256::digest(unsigned char* out) {
   encodeState(out);
 }
 
-void SHA256::encodeState(unsigned char* out) const {
+bool SHA256::encodeState(unsigned char* out) const {
   for (int i = 0; i < 8; ++i) detail::storeBe32(out + 4 * i, state_[i]);
+  return true;
 }
 
 }  // namespace tessel

@@ -50,8 +50,9 @@ void SHA512::digest(unsigned char* out) {
   encodeState(out);
 }
 
-void SHA512::encodeState(unsigned char* out) const {
+bool SHA512::encodeState(unsigned char* out) const {
   for (unsigned i = 0; i < digestLength() / 8; ++i) detail::storeBe64(out + 8 * i, state_[i]);
+  return true;
 }
 
 }  // namespace tessel
