@@ -16,13 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::Bytes;
-using test::readFixture;
+using test::fixtureText;
 const char* const kMozillaRoots = "/usr/share/ca-certificates/mozilla";
-
-std::string fixtureText(const std::string& path) {
-  const Bytes b = readFixture(path);
-  return std::string(b.begin(), b.end());
-}
 
 class StoreDir : public testing::Test {
  protected:

@@ -118,29 +118,13 @@ TEST(Ed25519, Wycheproof) {
   EXPECT_EQ(n, 151);
 }
 
-// Scalars at and beyond L: the reduction must be exact across the whole 512-bit range.
+// Scalars at and beyond L (tests/data/curve25519_edges.json): the reduction must be exact
+// across the whole 512-bit range.
 TEST(Ed25519, ReduceScalarEdges) {
-  struct Case {
-    const char* in;   // 64 bytes little-endian
-    const char* out;  // 32 bytes little-endian
-  } cases[] = {
-      // L itself reduces to zero.
-      {"edd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010"
-       "0000000000000000000000000000000000000000000000000000000000000000",
-       "0000000000000000000000000000000000000000000000000000000000000000"},
-      // L - 1 stays.
-      {"ecd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010"
-       "0000000000000000000000000000000000000000000000000000000000000000",
-       "ecd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010"},
-      // 2^512 - 1 mod L (computed with Python integers).
-      {"ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff"
-       "ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff",
-       "000f9c44e31106a447938568a71b0ed065bef517d273ecce3d9a307c1b419903"},
-  };
-  for (const auto& c : cases) {
-    Bytes in = fromHex(c.in), out(32);
+  for (const auto& c : test::dataFile("curve25519_edges.json").at("reduceScalar")) {
+    Bytes in = fromHex(c[0].get<std::string>()), out(32);
     eddsa::reduceScalar(out.data(), in.data());
-    EXPECT_EQ(toHex(out), c.out);
+    EXPECT_EQ(toHex(out), c[1].get<std::string>()) << c[2];
   }
 }
 

@@ -161,10 +161,10 @@ TEST(Factory, SoftwareWhateverTheDriverListAndWithoutAfAlg) {
     std::unique_ptr<Cipher> cbc, ctr, gcm, aead;
     EXPECT_EQ(test::said([&] {
                 h = createHash(hashSha256);
-                cbc = createCipher(4, Bytes(16), 16);
-                ctr = createCipher(5, Bytes(16), 0);
-                gcm = createCipher(7, Bytes(32), 16);
-                aead = createAead(4, 5, Bytes(16), Bytes(32));
+                cbc = createCipher(cipherAesCbc, Bytes(16), 16);
+                ctr = createCipher(cipherAesCtr, Bytes(16), 0);
+                gcm = createCipher(cipherAesGcm, Bytes(32), 16);
+                aead = createAead(cipherAesCbc, hashSha256, Bytes(16), Bytes(32));
               }),
               "");
     ol::kernelCrypto = false;

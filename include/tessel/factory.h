@@ -31,14 +31,25 @@ std::unique_ptr<Hash> createHash(unsigned id);
 // createHMAC returns an HMAC over createHash(id), keyed with `key`, that owns its digest.
 std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key);
 
-// createCipher returns, by id and key length:
-//   1 CBC over the one-byte null cipher (any key, ignored)  2 DES-CBC (8)  3 DES3-CBC (24)
-//   4 AES-CBC (16/24/32)  5 AES-CTR (16/24/32)  6 AES-CFB128 (16)  7 AES-GCM (16/32, tag 16).
-// `tagLength` only matters for kernel GCM; software GCM always uses 16-byte tags.
+// CipherID numbers the factory's ciphers (key lengths in bytes). The values are stable: hosts
+// pass them as plain unsigned integers, which createCipher and createAead still accept.
+enum CipherID : unsigned {
+  cipherNullCbc = 1,  // CBC over the one-byte null cipher (any key, ignored)
+  cipherDesCbc = 2,   // 8
+  cipherDes3Cbc = 3,  // 24
+  cipherAesCbc = 4,   // 16/24/32
+  cipherAesCtr = 5,   // 16/24/32
+  cipherAesCfb = 6,   // CFB-128, 16 only
+  cipherAesGcm = 7,   // 16/32, 16-byte tags in software
+};
+
+// createCipher returns the cipher for a CipherID and key length (see CipherID); null for an
+// unknown id or a key length the cipher does not take. `tagLength` only matters for kernel GCM;
+// software GCM always uses 16-byte tags.
 std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned tagLength);
 
-// createAead returns an authenticated cipher from a cipher id and a HashID. In software only
-// the CBC ciphers 3 and 4 are offered, as encrypt-then-MAC with HMAC(hashId, macKey)
+// createAead returns an authenticated cipher from a CipherID and a HashID. In software only
+// cipherDes3Cbc and cipherAesCbc are offered, as encrypt-then-MAC with HMAC(hashId, macKey)
 // (cbc.h); other cipher ids give an empty pointer.
 std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId, std::span<const unsigned char> cipherKey,
                                    std::span<const unsigned char> macKey);

@@ -69,9 +69,9 @@ std::string hashDriverName(unsigned id) {
 
 std::string cipherDriverName(unsigned id, std::size_t keyLen) {
   const bool aesKey = keyLen == 16 || keyLen == 24 || keyLen == 32;
-  if (id == 4 && aesKey) return prioCrypto({"cbc-aes-aesni", "cbc(aes-generic)"});
-  if (id == 5 && aesKey) return prioCrypto({"ctr-aes-aesni", "ctr(aes-generic)"});
-  if (id == 7 && (keyLen == 16 || keyLen == 32)) {
+  if (id == cipherAesCbc && aesKey) return prioCrypto({"cbc-aes-aesni", "cbc(aes-generic)"});
+  if (id == cipherAesCtr && aesKey) return prioCrypto({"ctr-aes-aesni", "ctr(aes-generic)"});
+  if (id == cipherAesGcm && (keyLen == 16 || keyLen == 32)) {
     // Each GCM entry may name a second driver to bind instead of the one searched for.
     static const std::pair<const char*, const char*> gcm[] = {
         {"generic-gcm-aesni", ""}, {"gcm_base(ctr(aes-generic),ghash-generic)", ""}};
@@ -143,13 +143,13 @@ std::unique_ptr<Cipher> mode(std::unique_ptr<BlockCipher> block) {
 std::unique_ptr<Cipher> softwareCipher(unsigned id, std::span<const unsigned char> key) {
   const unsigned char* k = key.data();
   switch (id) {
-    case 1: return mode<CBCCipher>(std::make_unique<NullBlockCipher>());
-    case 2: return key.size() == 8 ? mode<CBCCipher>(std::make_unique<DES>(k)) : nullptr;
-    case 3: return key.size() == 24 ? mode<CBCCipher>(std::make_unique<DES3>(k)) : nullptr;
-    case 4: return mode<CBCCipher>(detail::makeAES(k, key.size()));
-    case 5: return mode<CTR128Cipher>(detail::makeAES(k, key.size()));
-    case 6: return key.size() == 16 ? mode<CFB128Cipher>(std::make_unique<AES128>(k)) : nullptr;
-    case 7: return key.size() == 24 ? nullptr : mode<GCMCipher>(detail::makeAES(k, key.size()));
+    case cipherNullCbc: return mode<CBCCipher>(std::make_unique<NullBlockCipher>());
+    case cipherDesCbc: return key.size() == 8 ? mode<CBCCipher>(std::make_unique<DES>(k)) : nullptr;
+    case cipherDes3Cbc: return key.size() == 24 ? mode<CBCCipher>(std::make_unique<DES3>(k)) : nullptr;
+    case cipherAesCbc: return mode<CBCCipher>(detail::makeAES(k, key.size()));
+    case cipherAesCtr: return mode<CTR128Cipher>(detail::makeAES(k, key.size()));
+    case cipherAesCfb: return key.size() == 16 ? mode<CFB128Cipher>(std::make_unique<AES128>(k)) : nullptr;
+    case cipherAesGcm: return key.size() == 24 ? nullptr : mode<GCMCipher>(detail::makeAES(k, key.size()));
     default: return nullptr;
   }
 }
@@ -173,7 +173,7 @@ std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key
 
 std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned tagLength) {
   if (std::string driver = cipherDriver(id, key.size()); !driver.empty()) {
-    if (id == 7) return openAead(driver, 1, key, {}, tagLength);
+    if (id == cipherAesGcm) return openAead(driver, 1, key, {}, tagLength);
     auto c = std::make_unique<KernelCipher>(16);
     if (c->kernelOpen("skcipher", driver)) c->kernelSetKey(key, {});
     return c;
@@ -186,10 +186,10 @@ std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId, std::span
   if (ol::kernelCrypto) {
     const std::string hash = hashDriver(hashId), cipher = cipherDriver(cipherId, cipherKey.size());
     if (!hash.empty() && !cipher.empty())
-      return openAead("authenc(hmac(" + hash + ")," + cipher + ")", cipherId == 7 ? 1 : 16, cipherKey, macKey,
+      return openAead("authenc(hmac(" + hash + ")," + cipher + ")", cipherId == cipherAesGcm ? 1 : 16, cipherKey, macKey,
                       KernelHash::digestLengthOf(hashId));
   }
-  if (cipherId != 3 && cipherId != 4) return nullptr;
+  if (cipherId != cipherDes3Cbc && cipherId != cipherAesCbc) return nullptr;
   auto mac = createHMAC(hashId, macKey);
   auto cipher = createCipher(cipherId, cipherKey, 16);
   if (!mac || !cipher) return nullptr;
