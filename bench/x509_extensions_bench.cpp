@@ -38,16 +38,22 @@ void parseMany(benchmark::State& state, SignedKind kind, bool repeatFirst) {
 }
 
 BENCHMARK_CAPTURE(parseMany, certificate, SignedKind::certificate, false)
-    ->Name("x509/parse-100k-extensions/certificate")->Unit(benchmark::kMillisecond);
+    ->Name("x509/parse-100k-extensions/certificate")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parseMany, certificate_repeated, SignedKind::certificate, true)
-    ->Name("x509/parse-100k-extensions/certificate-repeated")->Unit(benchmark::kMillisecond);
+    ->Name("x509/parse-100k-extensions/certificate-repeated")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parseMany, request, SignedKind::request, false)
-    ->Name("x509/parse-100k-extensions/request")->Unit(benchmark::kMillisecond);
+    ->Name("x509/parse-100k-extensions/request")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parseMany, request_repeated, SignedKind::request, true)
-    ->Name("x509/parse-100k-extensions/request-repeated")->Unit(benchmark::kMillisecond);
+    ->Name("x509/parse-100k-extensions/request-repeated")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parseMany, crl, SignedKind::crl, false)
-    ->Name("x509/parse-100k-extensions/crl")->Unit(benchmark::kMillisecond);
+    ->Name("x509/parse-100k-extensions/crl")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parseMany, crl_repeated, SignedKind::crl, true)
-    ->Name("x509/parse-100k-extensions/crl-repeated")->Unit(benchmark::kMillisecond);
+    ->Name("x509/parse-100k-extensions/crl-repeated")
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

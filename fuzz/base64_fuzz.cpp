@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     int n = ol::base64Decode(text, size, out.data(), capacity);
     if (n < 0) continue;
     std::vector<char> again(ol::base64EncodedLength(static_cast<std::size_t>(n)));
-    if (ol::base64Encode(out.data(), static_cast<std::size_t>(n), again.data(), again.size()) != static_cast<int>(again.size()))
+    if (ol::base64Encode(out.data(), static_cast<std::size_t>(n), again.data(), again.size()) !=
+        static_cast<int>(again.size()))
       __builtin_trap();
   }
   return 0;

@@ -2,8 +2,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "tessel/asn1.h"
 #include "quiet_stdout.h"
+#include "tessel/asn1.h"
 
 namespace {
 

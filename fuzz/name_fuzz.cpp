@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "tessel/names.h"
 #include "quiet_stdout.h"
+#include "tessel/names.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   tessel::asn1::blob in(data, size);

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <span>
 
-#include "tessel/x509_path.h"
 #include "quiet_stdout.h"
+#include "tessel/x509_path.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;

@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "tessel/pem.h"
 #include "quiet_stdout.h"
+#include "tessel/pem.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string password = size && (data[0] & 1) ? "tessel-fixture" : "wrong";

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <sstream>
 
-#include "tessel/req.h"
 #include "quiet_stdout.h"
+#include "tessel/req.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   tessel::X509Req req;

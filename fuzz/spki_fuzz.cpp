@@ -2,8 +2,8 @@
 // same bytes' meaning: parse(encode(key)) equals key.
 #include <cstdint>
 
-#include "tessel/pkcs8.h"
 #include "quiet_stdout.h"
+#include "tessel/pkcs8.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   auto key = tessel::parsePkcs8PublicKey(tessel::asn1::blob(data, size));

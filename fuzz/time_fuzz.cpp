@@ -2,8 +2,8 @@
 // out and read back to the same instant.
 #include <cstdint>
 
-#include "tessel/timepoint.h"
 #include "quiet_stdout.h"
+#include "tessel/timepoint.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   tessel::asn1::parser p(tessel::asn1::blob(data, size));

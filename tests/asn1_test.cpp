@@ -50,7 +50,12 @@ TEST(DerParser, EndIsReportedOnceThenSticksAsError) {
 }
 
 TEST(DerParser, TakersAndEnter) {
-  Bytes der = fromHex("3010" "020500ffffffff" "02020080" "010101" "0500");
+  Bytes der = fromHex(
+      "3010"
+      "020500ffffffff"
+      "02020080"
+      "010101"
+      "0500");
   parser p{blob(der)};
   ASSERT_TRUE(p.enter());
   EXPECT_EQ(p.takeUInt(), 0u);    // five content bytes read as 0
@@ -58,7 +63,12 @@ TEST(DerParser, TakersAndEnter) {
   EXPECT_FALSE(p.takeBool());     // content 01: error state
   EXPECT_EQ(p.tag, asn1::tagError);
 
-  Bytes bools = fromHex("0101ff" "010100" "01020000" "0100" "0500");
+  Bytes bools = fromHex(
+      "0101ff"
+      "010100"
+      "01020000"
+      "0100"
+      "0500");
   parser b{blob(bools)};
   EXPECT_TRUE(b.takeBool());
   EXPECT_FALSE(b.takeBool());
@@ -125,14 +135,23 @@ TEST(DerEncoder, NestedScopesMovesAndStacks) {
     DerScope target = std::move(moved);  // the moved-from scope closes nothing
     e.addInt(0x02, 0xFFFFFFFF);
   }
-  EXPECT_EQ(test::toHex(e.data), "301b" "a019" "02017f" "0101ff" "0500" "04026162" "03020063" "3107020500ffffffff");
+  EXPECT_EQ(test::toHex(e.data),
+            "301b"
+            "a019"
+            "02017f"
+            "0101ff"
+            "0500"
+            "04026162"
+            "03020063"
+            "3107020500ffffffff");
   DerEncoder f;
   f.sequence([](DerEncoder& in) { in.element(0xA3, [](DerEncoder& x) { x.addInt(0x02, 0); }); });
   EXPECT_EQ(test::toHex(f.data), "3005a303020100");
 }
 
 TEST(DerEncoder, MinimalIntegers) {
-  for (const auto& r : parseCases("derUInt")) EXPECT_EQ(test::toHex(asn1::toDerInt(r[0].get<unsigned>())), r[1]) << r[0];
+  for (const auto& r : parseCases("derUInt"))
+    EXPECT_EQ(test::toHex(asn1::toDerInt(r[0].get<unsigned>())), r[1]) << r[0];
   for (const auto& r : parseCases("derBigInt")) {
     DerEncoder e;
     e.addInt(0x02, BigNum(asn1::blob(fromHex(r[0].get<std::string>()))));
@@ -229,9 +248,12 @@ TEST(BlobDeathTest, PoppingPastTheEndAborts) {
   Bytes two = fromHex("0102");
   blob b(two);
   EXPECT_EQ(b.pop_front(2).size(), 2u);
-  EXPECT_DEATH(b.pop_front(), "assertion \"start < finish\" failed: file \"../include/tessel/blob.h\", line 56, function: pop_front");
+  EXPECT_DEATH(b.pop_front(),
+               "assertion \"start < finish\" failed: file \"../include/tessel/blob.h\", line 56, function: pop_front");
   blob c(two);
-  EXPECT_DEATH(c.pop_front(3), "assertion \"start \\+ sz <= finish\" failed: file \"../include/tessel/blob.h\", line 63, function: pop_front");
+  EXPECT_DEATH(
+      c.pop_front(3),
+      "assertion \"start \\+ sz <= finish\" failed: file \"../include/tessel/blob.h\", line 63, function: pop_front");
 }
 
 TEST(Blob, EqualityAndOrder) {

@@ -167,7 +167,7 @@ TEST(Reducer, MontgomerySmallModulus) {
   const BigNum n(7u);
   const MontgomeryReducer red(n);
   EXPECT_EQ(static_cast<BigNum::Digit>(7u * red.nPrime()), 0xffffffffu);  // n·n' ≡ −1
-  EXPECT_EQ(red.one(), BigNum(4u));                                        // 2^32 mod 7
+  EXPECT_EQ(red.one(), BigNum(4u));                                       // 2^32 mod 7
   for (unsigned x : {0u, 1u, 2u, 6u, 7u, 8u, 100u, 0xffffffffu}) {
     SCOPED_TRACE(x);
     EXPECT_EQ(red.toBigNum(red.fromBigNum(BigNum(x))), BigNum(x % 7));
@@ -260,14 +260,16 @@ using VectorCheck = void (*)(const nlohmann::json& c);
 BigNum num(const nlohmann::json& c, const char* name) { return hexNum(c[name].get<std::string>()); }
 
 const std::map<std::string, VectorCheck> kVectorChecks = {
-    {"mul", [](const nlohmann::json& c) {
+    {"mul",
+     [](const nlohmann::json& c) {
        BigNum r;
        mul(r, num(c, "a"), num(c, "b"));
        EXPECT_EQ(r, num(c, "product"));
        sqr(r, num(c, "a"));
        EXPECT_EQ(r, num(c, "square"));
      }},
-    {"div", [](const nlohmann::json& c) {
+    {"div",
+     [](const nlohmann::json& c) {
        BigNum q, r, onlyQ, onlyR;
        div(num(c, "a"), num(c, "b"), &q, &r);
        div(num(c, "a"), num(c, "b"), &onlyQ, nullptr);
@@ -277,17 +279,21 @@ const std::map<std::string, VectorCheck> kVectorChecks = {
        EXPECT_EQ(onlyQ, num(c, "q"));
        EXPECT_EQ(onlyR, num(c, "r"));
      }},
-    {"gcd", [](const nlohmann::json& c) {
+    {"gcd",
+     [](const nlohmann::json& c) {
        EXPECT_EQ(gcd(num(c, "a"), num(c, "b")), num(c, "gcd"));
        EXPECT_EQ(lcm(num(c, "a"), num(c, "b")), num(c, "lcm"));
      }},
     {"inv", [](const nlohmann::json& c) { EXPECT_EQ(invByMod(num(c, "a"), num(c, "m")), num(c, "inverse")); }},
-    {"exp", [](const nlohmann::json& c) { EXPECT_EQ(expByMod(num(c, "a"), num(c, "e"), num(c, "m")), num(c, "power")); }},
-    {"dec", [](const nlohmann::json& c) {
+    {"exp",
+     [](const nlohmann::json& c) { EXPECT_EQ(expByMod(num(c, "a"), num(c, "e"), num(c, "m")), num(c, "power")); }},
+    {"dec",
+     [](const nlohmann::json& c) {
        EXPECT_EQ(num(c, "a").strDec(), c["dec"].get<std::string>());
        EXPECT_EQ(num(c, "a").str(), c["a"].get<std::string>());
      }},
-    {"text", [](const nlohmann::json& c) {
+    {"text",
+     [](const nlohmann::json& c) {
        const BigNum a = num(c, "a");
        EXPECT_EQ(a.str(), c["a"].get<std::string>());
        EXPECT_EQ(a.strDec(), c["dec"].get<std::string>());
@@ -295,20 +301,25 @@ const std::map<std::string, VectorCheck> kVectorChecks = {
        EXPECT_EQ(a.bits(), c["bits"].get<unsigned>());
        EXPECT_EQ(lsb(a), c["lsb"].get<unsigned>());
      }},
-    {"bytes", [](const nlohmann::json& c) {
+    {"bytes",
+     [](const nlohmann::json& c) {
        const Bytes bytes = fromHex(c["a"].get<std::string>());
-       const BigNum x = c["littleEndian"].get<bool>() ? BigNum(asn1::blob(bytes), little_endian{}) : BigNum(asn1::blob(bytes));
+       const BigNum x =
+           c["littleEndian"].get<bool>() ? BigNum(asn1::blob(bytes), little_endian{}) : BigNum(asn1::blob(bytes));
        EXPECT_EQ(x.digits(), c["digits"].get<std::vector<BigNum::Digit>>());
      }},
-    {"bin", [](const nlohmann::json& c) {
+    {"bin",
+     [](const nlohmann::json& c) {
        EXPECT_EQ(toHex(num(c, "a").bin(c["len"].get<unsigned>())), c["big"].get<std::string>());
        EXPECT_EQ(toHex(num(c, "a").bin(little_endian{})), c["little"].get<std::string>());
      }},
-    {"shift", [](const nlohmann::json& c) {
+    {"shift",
+     [](const nlohmann::json& c) {
        EXPECT_EQ(num(c, "a") << c["k"].get<unsigned>(), num(c, "shl"));
        EXPECT_EQ(num(c, "a") >> c["k"].get<unsigned>(), num(c, "shr"));
      }},
-    {"addsub", [](const nlohmann::json& c) {
+    {"addsub",
+     [](const nlohmann::json& c) {
        BigNum x = num(c, "a");
        x += num(c, "b");
        EXPECT_EQ(x, num(c, "sum"));
@@ -402,9 +413,7 @@ std::vector<std::pair<BigNum, BigNum>> divisionCases() {
     const BigNum b = test::randomNum(rng, test::randomSize(rng, 130));
     BigNum a;
     switch (i % 3) {
-      case 0:
-        a = test::randomNum(rng, test::randomSize(rng, 130));
-        break;
+      case 0: a = test::randomNum(rng, test::randomSize(rng, 130)); break;
       case 1: {
         const BigNum q = test::randomNum(rng, test::randomSize(rng, 70));
         BigNum r = test::randomNum(rng, b.size());
@@ -517,8 +526,10 @@ TEST(BigNumOracle, ExpByMod) {
     BigNum m = test::randomNum(rng, full ? 64 : test::randomSize(rng, 130));
     m.digits()[0] |= 1;
     const BigNum a = test::randomNum(rng, test::randomSize(rng, m.size() + 1));
-    cases.push_back({a, i % 7 == 0 ? BigNum(static_cast<unsigned>(rng.below(3)))
-                                   : test::randomNum(rng, full ? 64 : test::randomSize(rng, 8)), m});
+    cases.push_back({a,
+                     i % 7 == 0 ? BigNum(static_cast<unsigned>(rng.below(3)))
+                                : test::randomNum(rng, full ? 64 : test::randomSize(rng, 8)),
+                     m});
   }
   BigNum m = test::randomNum(edges, 24);
   m.digits()[0] |= 1;

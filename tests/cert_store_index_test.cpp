@@ -23,7 +23,8 @@ namespace asn1 = tessel::asn1;
 
 // The pools names and key identifiers are drawn from; "" in a name pool is an absent attribute.
 const std::vector<std::string> kCommonNames = {
-    "Root CA", "ROOT ca", "root ca", std::string("Root CA\0tail", 12), "Root CA2", "R\xc3\xb6ot CA", "r\xc3\x96ot CA", ""};
+    "Root CA",  "ROOT ca",        "root ca",        std::string("Root CA\0tail", 12),
+    "Root CA2", "R\xc3\xb6ot CA", "r\xc3\x96ot CA", ""};
 const std::vector<std::string> kOrganisations = {"", "Example", "EXAMPLE", "Other"};
 const std::vector<Bytes> kKeyIds = {{}, {1, 2, 3}, {1, 2, 4}, {9}, {1, 2, 3, 0}};
 

@@ -146,8 +146,9 @@ TEST(CertStore, RealSiteChainValidatesAgainstDebianRoots) {
   EXPECT_EQ(x509ValidatePath(chain, store, inside, "www.cryptomix.com", {}, "", false, &error), pathNameMismatch);
   EXPECT_EQ(error, "name verification failed for: \"CN=certauth.cryptomix.com\"");
   EXPECT_EQ(x509ValidatePath(chain, store, after, "", {}, "", false, &error), pathExpired);
-  EXPECT_EQ(error, "cert not valid (after: Tue Jun  6 02:07:23 2023 < now: Thu Jan  1 00:00:00 2026) - "
-                   "\"CN=certauth.cryptomix.com\"");
+  EXPECT_EQ(error,
+            "cert not valid (after: Tue Jun  6 02:07:23 2023 < now: Thu Jan  1 00:00:00 2026) - "
+            "\"CN=certauth.cryptomix.com\"");
   // The validator sees only what the peer sent: without the intermediate no anchor is reached.
   EXPECT_EQ(x509ValidatePath({chain[0]}, store, inside, "", {}, "", false, &error), pathNoAnchor);
 

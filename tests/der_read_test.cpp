@@ -41,12 +41,12 @@ struct ReadCase {
 const ReadCase kReads[] = {
     {"020105", asn1::tagInteger, true, "05", "end"},
     {"0201050400", asn1::tagInteger, true, "05", "4"},
-    {"020105", asn1::tagSequence, false, "", "2"},           // another tag: nothing moves
-    {"020105ff", asn1::tagInteger, false, "", "error"},      // what follows is malformed
+    {"020105", asn1::tagSequence, false, "", "2"},              // another tag: nothing moves
+    {"020105ff", asn1::tagInteger, false, "", "error"},         // what follows is malformed
     {"30800201050000", asn1::tagSequence, false, "", "error"},  // indefinite length
-    {"04820001aa", asn1::tagOctetString, true, "aa", "end"},  // long form where short would do
+    {"04820001aa", asn1::tagOctetString, true, "aa", "end"},    // long form where short would do
     {"048101aa", asn1::tagOctetString, true, "aa", "end"},
-    {"0405aabb", asn1::tagOctetString, false, "", "error"},   // longer than the input
+    {"0405aabb", asn1::tagOctetString, false, "", "error"},          // longer than the input
     {"04850000000001aa", asn1::tagOctetString, false, "", "error"},  // five length bytes
     {"a1030201070500", asn1::explicitTag(1), true, "020107", "5"},
     {"8102abcd", asn1::implicitTag(1), true, "abcd", "end"},
@@ -114,8 +114,8 @@ TEST(DerRead, ReadOnlyWantsExactlyOneElement) {
   const struct {
     const char* der;
     bool ok;
-  } cases[] = {{"3000", true}, {"3003020101", true}, {"30000500", false}, {"3000ff", false}, {"0500", false},
-               {"", false}};
+  } cases[] = {{"3000", true},    {"3003020101", true}, {"30000500", false},
+               {"3000ff", false}, {"0500", false},      {"", false}};
   for (const auto& c : cases) {
     asn1::parser child;
     EXPECT_EQ(asn1::readOnly(blob(fromHex(c.der)), asn1::tagSequence, &child), c.ok) << c.der;

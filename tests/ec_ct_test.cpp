@@ -29,8 +29,15 @@ BigNum modN(const BigNum& a, const BigNum& m) {
 // Scalars covers the edges (0, 1, 2, n − 2, n − 1, n, n + 1) and random small and full-width
 // values, as `len`-byte strings.
 std::vector<Bytes> scalars(const BigNum& n, std::size_t len, test::TestRng& rng) {
-  std::vector<BigNum> values = {BigNum(0u), BigNum(1u), BigNum(2u), n - BigNum(2u), n - BigNum(1u), n,
-                                n + BigNum(1u), BigNum(asn1::blob(rng.bytes(2))), BigNum(asn1::blob(rng.bytes(9)))};
+  std::vector<BigNum> values = {BigNum(0u),
+                                BigNum(1u),
+                                BigNum(2u),
+                                n - BigNum(2u),
+                                n - BigNum(1u),
+                                n,
+                                n + BigNum(1u),
+                                BigNum(asn1::blob(rng.bytes(2))),
+                                BigNum(asn1::blob(rng.bytes(9)))};
   for (int i = 0; i < 6; ++i) values.push_back(modN(BigNum(asn1::blob(rng.bytes(len))), n));
   std::vector<Bytes> out;
   for (const BigNum& v : values) out.push_back(v.bin(static_cast<unsigned>(len)));
@@ -209,7 +216,8 @@ TEST_P(EcdhWycheproof, EveryCase) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, EcdhWycheproof,
-                         ::testing::Values(EcdhFile{"ecdh_secp224r1_test.json", 714}, EcdhFile{"ecdh_secp256r1_test.json", 612},
+                         ::testing::Values(EcdhFile{"ecdh_secp224r1_test.json", 714},
+                                           EcdhFile{"ecdh_secp256r1_test.json", 612},
                                            EcdhFile{"ecdh_secp384r1_test.json", 1047}));
 
 }  // namespace

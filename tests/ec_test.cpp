@@ -1,7 +1,7 @@
 // Weierstrass curves: edge cases of points and encodings, and scalar products, decoding and
 // curve membership checked against OpenSSL's EC_POINT functions on the five NIST curves.
-#include "bignum_support.h"
 #include "tessel/ec.h"
+#include "bignum_support.h"
 
 #if TESSEL_HAVE_OPENSSL
 #include <openssl/ec.h>
@@ -23,8 +23,7 @@ unsigned fieldBytes(Curve c) { return (getModForECCurve(c).bits() + 7) / 8; }
 // NamedCurve bundles a curve's parameters with a WCurve for it.
 struct NamedCurve {
   explicit NamedCurve(Curve c)
-      : id(c), a(getAForECCurve(c)), b(getBForECCurve(c)), len(fieldBytes(c)),
-        ok(getECParams(c, p, n, G)), curve(p) {}
+      : id(c), a(getAForECCurve(c)), b(getBForECCurve(c)), len(fieldBytes(c)), ok(getECParams(c, p, n, G)), curve(p) {}
   Curve id;
   BigNum p, n, a, b;
   ECPoint G;
@@ -55,8 +54,9 @@ TEST(ECPointTest, OctetStringEdgeCases) {
   // Uncompressed forms as (x, y) in hex; "" is no point, which equals (0, 0). An odd remainder leaves
   // the shorter half to x.
   const std::pair<std::string, std::string> forms[] = {
-      {"", ""}, {"0201", ""}, {"05aabb", ""}, {"04aabbcc", "aa,bbcc"}, {"04", ""},
-      {"04" + std::string(62, '0') + "01" + std::string(62, '0') + "02", "1,2"}};
+      {"", ""},       {"0201", ""},
+      {"05aabb", ""}, {"04aabbcc", "aa,bbcc"},
+      {"04", ""},     {"04" + std::string(62, '0') + "01" + std::string(62, '0') + "02", "1,2"}};
   for (const auto& [hex, xy] : forms) {
     const ECPoint p = ECPoint::fromOctetString(asn1::blob(fromHex(hex)));
     EXPECT_EQ(p == none ? "" : p.x.str() + "," + p.y.str(), xy) << hex;
@@ -90,7 +90,8 @@ TEST(ECPointTest, OctetStringEdgeCases) {
 TEST(ECPointDeathTest, EncodingALongCoordinateAborts) {
   const ECPoint wideX{BigNum(0x10000u), BigNum(1u)}, wideY{BigNum(1u), BigNum(0x10000u)};
   // x is checked at line 48, y at line 53: the lines hosts' crash reports quote.
-  EXPECT_DEATH(wideX.toBin(2, false), "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\", line 48, function: toBin");
+  EXPECT_DEATH(wideX.toBin(2, false),
+               "assertion \"tmp.size\\(\\) == len\" failed: file \"ec.cpp\", line 48, function: toBin");
   EXPECT_DEATH(wideX.toBin(2, true), "failed: file \"ec.cpp\", line 48, function: toBin");
   EXPECT_DEATH(wideY.toBin(2, false), "failed: file \"ec.cpp\", line 53, function: toBin");
 }

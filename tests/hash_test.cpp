@@ -30,9 +30,8 @@ class DigestVectors : public testing::TestWithParam<const char*> {};
 TEST_P(DigestVectors, KnownAnswers) {
   LOAD_VECTORS(cases, GetParam());
   ASSERT_FALSE(cases.empty());
-  test::forEachDigestPath([&] {
-    EXPECT_EQ(test::digestKnownAnswers(test::softwareBackend(), cases), static_cast<int>(cases.size()));
-  });
+  test::forEachDigestPath(
+      [&] { EXPECT_EQ(test::digestKnownAnswers(test::softwareBackend(), cases), static_cast<int>(cases.size())); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Kat, DigestVectors, testing::Values("kat/md4.json", "kat/md5.json", "kat/sha.json"));
@@ -106,12 +105,9 @@ TEST(Digest, MatchesOpenSslForRandomMessagesAndSplits) {
       auto h = test::makeSoftwareHash(id);
       for (int i = 0; i < std::max(300, test::rounds(2000)); ++i) {  // every short length even sanitized
         std::size_t len;
-        if (i < 300)
-          len = static_cast<std::size_t>(i);  // every length up to past two 128-byte blocks
-        else if (i % 3 == 0)
-          len = 128 * rng.below(33) + rng.below(3) - 1 + (rng.below(2) ? 0 : 8);  // near block edges
-        else
-          len = rng.below(4096);
+        if (i < 300) len = static_cast<std::size_t>(i);  // every length up to past two 128-byte blocks
+        else if (i % 3 == 0) len = 128 * rng.below(33) + rng.below(3) - 1 + (rng.below(2) ? 0 : 8);  // near block edges
+        else len = rng.below(4096);
         if (len > 5000) len = 0;  // the edge formula can wrap below zero
         Bytes msg = rng.bytes(len);
         auto pieces = test::randomSplits(rng, len);

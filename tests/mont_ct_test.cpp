@@ -185,10 +185,10 @@ TEST(MontCt, InversionModuloPrimes) {
   // The NIST field primes and group orders P-192 .. P-521 as OpenSSL knows them, and random primes.
   TestRng rng(0x696e76);
   std::vector<BigNum> primes;
-  for (const char* hex : {"fffffffffffffffffffffffffffffffeffffffffffffffff",
-                          "ffffffffffffffffffffffffffffffff000000000000000000000001",
-                          "ffffffff00000001000000000000000000000000ffffffffffffffffffffffff",
-                          "ffffffff00000000ffffffffffffffffbce6faada7179e84f3b9cac2fc632551"})
+  for (const char* hex :
+       {"fffffffffffffffffffffffffffffffeffffffffffffffff", "ffffffffffffffffffffffffffffffff000000000000000000000001",
+        "ffffffff00000001000000000000000000000000ffffffffffffffffffffffff",
+        "ffffffff00000000ffffffffffffffffbce6faada7179e84f3b9cac2fc632551"})
     primes.push_back(hexNum(hex));
   BigNum p521;
   for (unsigned i = 0; i < 521; ++i) p521.setBit(i, true);

@@ -47,11 +47,10 @@ TEST(Pkcs8, PlainContainersRoundTripEveryFixture) {
 
 TEST(Pkcs8, EncryptedFixturesFromOpenSsl) {
   Bytes expected = fixture(2048, "pkcs1.der");
-  const char* files[] = {"enc-aes-128-cbc-hmacWithSHA1.pem", "enc-aes-128-cbc-hmacWithSHA256.pem",
-                         "enc-aes-192-cbc-hmacWithSHA1.pem", "enc-aes-192-cbc-hmacWithSHA256.pem",
-                         "enc-aes-256-cbc-hmacWithSHA1.pem", "enc-aes-256-cbc-hmacWithSHA256.pem",
-                         "enc-des3-hmacWithSHA1.pem",        "enc-des3-hmacWithSHA256.pem",
-                         "enc-v1-3des.pem"};
+  const char* files[] = {
+      "enc-aes-128-cbc-hmacWithSHA1.pem",   "enc-aes-128-cbc-hmacWithSHA256.pem", "enc-aes-192-cbc-hmacWithSHA1.pem",
+      "enc-aes-192-cbc-hmacWithSHA256.pem", "enc-aes-256-cbc-hmacWithSHA1.pem",   "enc-aes-256-cbc-hmacWithSHA256.pem",
+      "enc-des3-hmacWithSHA1.pem",          "enc-des3-hmacWithSHA256.pem",        "enc-v1-3des.pem"};
   for (const char* f : files) {
     SCOPED_TRACE(f);
     Bytes der = test::pemBody(fixture(2048, f));
@@ -79,10 +78,10 @@ TEST(Pkcs8, OurEncryptionOpensWithOpenSsl) {
   if (std::system("openssl version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no openssl tool";
   auto dir = std::filesystem::temp_directory_path() / ("tessel-pkcs8-" + std::to_string(::getpid()));
   std::filesystem::create_directories(dir);
-  std::ofstream(dir / "enc.der", std::ios::binary).write(reinterpret_cast<const char*>(a.data()),
-                                                         static_cast<std::streamsize>(a.size()));
-  std::string cmd = "openssl pkey -inform DER -in " + (dir / "enc.der").string() + " -passin pass:pässword -outform DER -out " +
-                    (dir / "plain.der").string() + " 2>&1";
+  std::ofstream(dir / "enc.der", std::ios::binary)
+      .write(reinterpret_cast<const char*>(a.data()), static_cast<std::streamsize>(a.size()));
+  std::string cmd = "openssl pkey -inform DER -in " + (dir / "enc.der").string() +
+                    " -passin pass:pässword -outform DER -out " + (dir / "plain.der").string() + " 2>&1";
   EXPECT_EQ(std::system(cmd.c_str()), 0);
   std::string plain;
   ol::readFile(plain, (dir / "plain.der").string());
@@ -118,11 +117,11 @@ TEST(Pkcs8, OneAsymmetricKeyShapes) {
     std::string oid, trailing;
     bool ok, hasPublic;
   };
-  const Row rows[] = {{0, rsa, "", true, false},           {1, rsa, "", true, false},
-                      {2, rsa, "", false, false},          {0, unknown, "", true, false} /* reads as RSA */,
-                      {0, rsa, attrs, true, false},        {1, rsa, attrs + pub, true, true},
-                      {1, rsa, pub, true, true},           {0, rsa, pub, false, false} /* [1] needs version 1 */,
-                      {0, rsa, "0500", false, false},      {1, rsa, "8100", false, false}};
+  const Row rows[] = {{0, rsa, "", true, false},      {1, rsa, "", true, false},
+                      {2, rsa, "", false, false},     {0, unknown, "", true, false} /* reads as RSA */,
+                      {0, rsa, attrs, true, false},   {1, rsa, attrs + pub, true, true},
+                      {1, rsa, pub, true, true},      {0, rsa, pub, false, false} /* [1] needs version 1 */,
+                      {0, rsa, "0500", false, false}, {1, rsa, "8100", false, false}};
   for (const Row& r : rows) {
     auto [priv, pubOut] = parseOneAssimetricKey(asn1::blob(wrapKey(r.version, r.oid, body, r.trailing)));
     EXPECT_EQ(priv != nullptr, r.ok) << r.version << " " << r.oid << " " << r.trailing;
@@ -173,7 +172,9 @@ TEST(Pkcs8, Pbes2ParameterRules) {
     unsigned iterations = 10;
   };
   const Row rows[] = {
-      {"", aes128, 16, true, ""},  {sha256, des3, 8, true, ""},  {sha256, des3, 16, false, ""},
+      {"", aes128, 16, true, ""},
+      {sha256, des3, 8, true, ""},
+      {sha256, des3, 16, false, ""},
       {sha256, aes128, 8, false, ""},
       {"2a864886f70d020a", aes128, 16, false, "unsupported PBES2 KDF: <1.2.840.113549.2.10>\n"},
       {sha256, "608648016503040106", 16, false, "PBES2: unimplemented cipher: <2.16.840.1.101.3.4.1.6>\n"},
@@ -184,7 +185,8 @@ TEST(Pkcs8, Pbes2ParameterRules) {
     AlgorithmIdentifier alg = pbes2Alg(r.prf, r.cipher, Bytes(r.ivLen, 7), r.iterations);
     Bytes sealed, opened;
     bool ok = false;
-    EXPECT_EQ(test::said([&] { ok = pbes2_crypt(alg, "pw", asn1::blob(secret), sealed, true); }), r.printed) << r.cipher;
+    EXPECT_EQ(test::said([&] { ok = pbes2_crypt(alg, "pw", asn1::blob(secret), sealed, true); }), r.printed)
+        << r.cipher;
     ASSERT_EQ(ok, r.ok) << r.prf << " " << r.cipher << " iv " << r.ivLen;
     if (!ok) continue;
     ASSERT_TRUE(pbes2_crypt(alg, "pw", asn1::blob(sealed), opened, false));
@@ -206,7 +208,9 @@ TEST(Pkcs8, PaddingRules) {
     CBC_encrypt(aes, iv.data(), data.data(), static_cast<unsigned>(data.size()), out.data());
     return out;
   };
-  const std::pair<Bytes, bool> rows[] = {{Bytes(16, 16), true},  {Bytes(16, 0), false}, {Bytes(16, 17), false},
+  const std::pair<Bytes, bool> rows[] = {{Bytes(16, 16), true},
+                                         {Bytes(16, 0), false},
+                                         {Bytes(16, 17), false},
                                          {fromHex("eeeeeeeeeeeeeeeeeeeeeeeeee030303"), true},
                                          {fromHex("eeeeeeeeeeeeeeeeeeeeeeeeee030203"), false}};
   for (const auto& [last, ok] : rows) {

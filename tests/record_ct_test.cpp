@@ -58,9 +58,11 @@ struct RecordSetup {
   unsigned keyLen, blockLen, hashId;
 };
 
-const RecordSetup kSetups[] = {{test::BlockKind::aes, 16, 16, hashSha1},   {test::BlockKind::aes, 32, 16, hashSha256},
-                         {test::BlockKind::aes, 16, 16, hashSha384}, {test::BlockKind::des3, 24, 8, hashMd5},
-                         {test::BlockKind::aes, 24, 16, hashSha512}};
+const RecordSetup kSetups[] = {{test::BlockKind::aes, 16, 16, hashSha1},
+                               {test::BlockKind::aes, 32, 16, hashSha256},
+                               {test::BlockKind::aes, 16, 16, hashSha384},
+                               {test::BlockKind::des3, 24, 8, hashMd5},
+                               {test::BlockKind::aes, 24, 16, hashSha512}};
 
 // check encrypts `record` under the inner cipher, decrypts it with the record cipher after the
 // MAC has absorbed `prefix`, and compares verdict and output with the reference.

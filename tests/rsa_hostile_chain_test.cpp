@@ -28,8 +28,8 @@ using Chain = std::vector<std::shared_ptr<X509Certificate>>;
 // `huge`, a random odd number one bit shorter than the modulus.
 EVP_PKEY* rsaKeyWithExponent(int bits, bool huge) {
   BN_CTX* ctx = BN_CTX_new();
-  BIGNUM *p = BN_new(), *q = BN_new(), *n = BN_new(), *e = BN_new(), *d = BN_new(), *phi = BN_new(),
-         *p1 = BN_new(), *q1 = BN_new(), *dp = BN_new(), *dq = BN_new(), *qinv = BN_new();
+  BIGNUM *p = BN_new(), *q = BN_new(), *n = BN_new(), *e = BN_new(), *d = BN_new(), *phi = BN_new(), *p1 = BN_new(),
+         *q1 = BN_new(), *dp = BN_new(), *dq = BN_new(), *qinv = BN_new();
   BN_generate_prime_ex(p, bits / 2, 0, nullptr, nullptr, nullptr);
   BN_generate_prime_ex(q, bits / 2, 0, nullptr, nullptr, nullptr);
   BN_mul(n, p, q, ctx);
@@ -61,8 +61,8 @@ EVP_PKEY* rsaKeyWithExponent(int bits, bool huge) {
 
 // certificate returns CN=<subject> issued by CN=<issuer> for `key`, signed with `signer`, as a
 // CA certificate valid around now.
-std::shared_ptr<X509Certificate> certificate(const std::string& subject, const std::string& issuer,
-                                             EVP_PKEY* key, EVP_PKEY* signer) {
+std::shared_ptr<X509Certificate> certificate(const std::string& subject, const std::string& issuer, EVP_PKEY* key,
+                                             EVP_PKEY* signer) {
   X509* x = X509_new();
   X509_set_version(x, 2);
   ASN1_INTEGER_set(X509_get_serialNumber(x), 1);

@@ -136,8 +136,7 @@ TEST(StoreTorture, OpeningDeletesOnlyAbandonedTemporaries) {
   }
   ol::Store s("t");
   EXPECT_EQ(versionOf(s.get(1)), 1u);
-  for (const Case& c : cases)
-    EXPECT_EQ(std::filesystem::exists(root.path("/rw/store/t/" + c.name)), c.kept) << c.name;
+  for (const Case& c : cases) EXPECT_EQ(std::filesystem::exists(root.path("/rw/store/t/" + c.name)), c.kept) << c.name;
 }
 
 // Two Store objects of one process (one per thread) putting the same entries in lock step:

@@ -28,12 +28,9 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {SignedKind::certificate, false, "unknown ext id="},
-    {SignedKind::certificate, true, "unknown ext id="},
-    {SignedKind::request, false, "unknown ext id="},
-    {SignedKind::request, true, "unknown ext id="},
-    {SignedKind::crl, false, "unknown crl ext id="},
-    {SignedKind::crl, true, "unknown crl ext id="},
+    {SignedKind::certificate, false, "unknown ext id="}, {SignedKind::certificate, true, "unknown ext id="},
+    {SignedKind::request, false, "unknown ext id="},     {SignedKind::request, true, "unknown ext id="},
+    {SignedKind::crl, false, "unknown crl ext id="},     {SignedKind::crl, true, "unknown crl ext id="},
 };
 
 bool parseAs(SignedKind kind, const std::vector<unsigned char>& der) {

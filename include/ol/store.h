@@ -67,8 +67,7 @@ using string_array_id = field_id<std::vector<std::string>>;
 class message {
  public:
   // The variant's alternatives are in the order of the on-disk kinds 1 to 5.
-  using value = std::variant<bool, std::uint32_t, std::vector<unsigned char>, std::string,
-                             std::vector<std::string>>;
+  using value = std::variant<bool, std::uint32_t, std::vector<unsigned char>, std::string, std::vector<std::string>>;
 
   // has is true when field `f.id` exists and holds a value of f's kind.
   template <class T>

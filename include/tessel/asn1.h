@@ -16,8 +16,8 @@ namespace tessel {
 namespace asn1 {
 
 // Sentinel tags of asn1::parser.
-inline constexpr std::uint32_t tagEnd = 256;      // the level has no further element
-inline constexpr std::uint32_t tagError = 257;    // malformed input; sticky
+inline constexpr std::uint32_t tagEnd = 256;    // the level has no further element
+inline constexpr std::uint32_t tagError = 257;  // malformed input; sticky
 inline constexpr std::uint32_t tagUnread = 0xFFFFFFFF;
 
 // Universal tags as their identifier bytes (constructed ones with the 0x20 bit set).
@@ -60,9 +60,9 @@ enum class Presence { absent, present, malformed };
 // continuation bits stripped (BF 1F reads as 0xBF1F).
 struct parser {
   std::uint32_t tag = tagUnread;
-  blob rest;                               // bytes after the current element, to the level's end
+  blob rest;                                 // bytes after the current element, to the level's end
   const unsigned char* elemStart = nullptr;  // first byte of the current element
-  blob content;                            // the current element's content
+  blob content;                              // the current element's content
 
   // parser reads the first element of `input` (tag 256 if it is empty, 257 if malformed).
   explicit parser(blob input) : rest(input) { next(); }

@@ -23,17 +23,16 @@ std::string reportedSourceName(const char* path);
 
 // TESSEL_ASSERT_TEXT checks `cond` but reports `text` as the condition: for checks written in a
 // form that cannot overflow while the message keeps the condition's familiar wording.
-#define TESSEL_ASSERT_TEXT(cond, text)                                                        \
+#define TESSEL_ASSERT_TEXT(cond, text) \
   ((cond) ? static_cast<void>(0) : ::tessel::detail::assertFail(text, __FILE__, __LINE__, __func__))
 
-#define TESSEL_ASSERT(cond)                                                                   \
-  ((cond) ? static_cast<void>(0)                                                              \
-          : ::tessel::detail::assertFail(#cond, __FILE__, __LINE__, __func__))
+#define TESSEL_ASSERT(cond) \
+  ((cond) ? static_cast<void>(0) : ::tessel::detail::assertFail(#cond, __FILE__, __LINE__, __func__))
 
 // TESSEL_ASSERT_LINE checks `cond` but reports `line` instead of the current one: for assertions
 // whose file and line hosts already match on in their crash reports, so the message stays the same
 // when the code around it moves.
 // TESSEL_ASSERT_TEXT_LINE combines it with TESSEL_ASSERT_TEXT's reported condition.
 #define TESSEL_ASSERT_LINE(cond, line) TESSEL_ASSERT_TEXT_LINE(cond, #cond, line)
-#define TESSEL_ASSERT_TEXT_LINE(cond, text, line)                                             \
+#define TESSEL_ASSERT_TEXT_LINE(cond, text, line) \
   ((cond) ? static_cast<void>(0) : ::tessel::detail::assertFail(text, __FILE__, line, __func__))

@@ -63,8 +63,8 @@ class GCMCipher : public Cipher {
  private:
   // crypt runs the counter over `len` bytes and feeds the ciphertext side to GHASH, then
   // writes T = GHASH(lengths) XOR E(J0) to `tag`.
-  void crypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen,
-             unsigned char* out, bool decrypting, unsigned char* tag);
+  void crypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen, unsigned char* out,
+             bool decrypting, unsigned char* tag);
 
   std::unique_ptr<BlockCipher> aes_;
   std::unique_ptr<GHash> ghash_;

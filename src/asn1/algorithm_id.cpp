@@ -17,7 +17,7 @@ struct KeyAlgorithm {
 };
 
 const KeyAlgorithm kKeyAlgorithms[] = {
-    {&asn1::oid::rsaEncryption, keyRsa}, {&asn1::oid::ecPublicKey, keyEc}, {&asn1::oid::ed25519, keyEd25519},
+    {&asn1::oid::rsaEncryption, keyRsa}, {&asn1::oid::ecPublicKey, keyEc},    {&asn1::oid::ed25519, keyEd25519},
     {&asn1::oid::x25519, keyX25519},     {&asn1::oid::mlKem768, keyMlkem768},
 };
 

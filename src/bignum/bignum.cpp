@@ -160,17 +160,13 @@ unsigned lsb(const BigNum& x) {
   return 0;
 }
 
-bool BigNum::getBit(unsigned i) const {
-  return i / 32 < d_.size() && ((d_[i / 32] >> (i % 32)) & 1);
-}
+bool BigNum::getBit(unsigned i) const { return i / 32 < d_.size() && ((d_[i / 32] >> (i % 32)) & 1); }
 
 void BigNum::setBit(unsigned i, bool v) {
   while (d_.size() <= i / 32) push(0);
   const Digit mask = Digit{1} << (i % 32);
-  if (v)
-    d_[i / 32] |= mask;
-  else
-    d_[i / 32] &= ~mask;
+  if (v) d_[i / 32] |= mask;
+  else d_[i / 32] &= ~mask;
 }
 
 void BigNum::modBy2Pow(unsigned k) {
@@ -430,10 +426,8 @@ void BigNum::reduce(const BigNum& m, unsigned c) {
     }
     d_.resize(s);
     if (carry) {
-      if (n - d >= s)
-        push(lo(carry));
-      else
-        addToDigit(static_cast<unsigned>(n - d), lo(carry));
+      if (n - d >= s) push(lo(carry));
+      else addToDigit(static_cast<unsigned>(n - d), lo(carry));
     }
     clamp();
   }

@@ -98,9 +98,7 @@ void cios(Limb* __restrict t, const Limb* a, const Limb* b, const Limb* n, const
 
 }  // namespace
 
-MontModulus::MontModulus(const BigNum& n) : MontModulus(n, SecretModulus{}) {
-  TESSEL_ASSERT(n.isOdd());
-}
+MontModulus::MontModulus(const BigNum& n) : MontModulus(n, SecretModulus{}) { TESSEL_ASSERT(n.isOdd()); }
 
 MontModulus::MontModulus(const BigNum& n, SecretModulus) {
   const std::size_t s = (n.size() + digitsPerLimb - 1) / digitsPerLimb;
@@ -125,7 +123,8 @@ void MontModulus::fromDigits(Limb* r, const BigNum& x) const {
   TESSEL_ASSERT(x.size() <= s * digitsPerLimb);
   std::fill(r, r + s, 0);
   for (std::size_t i = 0; i < x.size(); ++i)
-    r[i / digitsPerLimb] |= static_cast<Limb>(static_cast<Limb>(x[static_cast<unsigned>(i)]) << (32 * (i % digitsPerLimb)));
+    r[i / digitsPerLimb] |=
+        static_cast<Limb>(static_cast<Limb>(x[static_cast<unsigned>(i)]) << (32 * (i % digitsPerLimb)));
 }
 
 // computeRR finds R² mod n without dividing, so that a secret modulus (an RSA prime) leaves no

@@ -220,9 +220,9 @@ void montMulWide(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, D
   const Limb inv32 = Limb{static_cast<Digit>(0u - nPrime32)};
   const Limb nPrime = 0 - inv32 * (2 - nl[0] * inv32);
   switch (limbs) {
-    case 3: fips(t, al, bl, nl, nPrime, Fixed<3>{}); break;   // P-192
-    case 4: fips(t, al, bl, nl, nPrime, Fixed<4>{}); break;   // P-256
-    case 6: fips(t, al, bl, nl, nPrime, Fixed<6>{}); break;   // P-384
+    case 3: fips(t, al, bl, nl, nPrime, Fixed<3>{}); break;  // P-192
+    case 4: fips(t, al, bl, nl, nPrime, Fixed<4>{}); break;  // P-256
+    case 6: fips(t, al, bl, nl, nPrime, Fixed<6>{}); break;  // P-384
     default: fips(t, al, bl, nl, nPrime, limbs); break;
   }
   std::vector<Digit>& out = r.digits();
@@ -250,11 +250,11 @@ void montMul(BigNum& r, const BigNum& a, const BigNum& b, const BigNum& n, Digit
   std::fill(std::copy(b.digits().begin(), b.digits().end(), bd), bd + k, 0);
   const Digit* nd = n.digits().data();
   switch (k) {
-    case 6: fips(t, ad, bd, nd, nPrime, Fixed<6>{}); break;     // P-192
-    case 7: fips(t, ad, bd, nd, nPrime, Fixed<7>{}); break;     // P-224
-    case 8: fips(t, ad, bd, nd, nPrime, Fixed<8>{}); break;     // P-256
-    case 12: fips(t, ad, bd, nd, nPrime, Fixed<12>{}); break;   // P-384
-    case 17: fips(t, ad, bd, nd, nPrime, Fixed<17>{}); break;   // P-521
+    case 6: fips(t, ad, bd, nd, nPrime, Fixed<6>{}); break;    // P-192
+    case 7: fips(t, ad, bd, nd, nPrime, Fixed<7>{}); break;    // P-224
+    case 8: fips(t, ad, bd, nd, nPrime, Fixed<8>{}); break;    // P-256
+    case 12: fips(t, ad, bd, nd, nPrime, Fixed<12>{}); break;  // P-384
+    case 17: fips(t, ad, bd, nd, nPrime, Fixed<17>{}); break;  // P-521
     default: fips(t, ad, bd, nd, nPrime, k); break;
   }
   r.digits().assign(t, t + k + 1);
@@ -287,9 +287,7 @@ RedNum MontgomeryReducer::fromBigNum(const BigNum& x) const {
   return RedNum(std::move(rem), this);
 }
 
-RedNum MontgomeryReducer::fromBigNum(BigNum&& x) const {
-  return fromBigNum(static_cast<const BigNum&>(x));
-}
+RedNum MontgomeryReducer::fromBigNum(BigNum&& x) const { return fromBigNum(static_cast<const BigNum&>(x)); }
 
 BigNum MontgomeryReducer::toBigNum(RedNum&& x) const {
   reduce(x.value);

@@ -26,9 +26,9 @@ namespace {
 
 using Word = AESBase::SliceWord;
 constexpr unsigned kBits = sizeof(Word) * 8;
-constexpr unsigned kBlocks = kBits / 16;          // blocks per batch: 2 or 4
-constexpr unsigned kRow = 4 * kBlocks;            // bits per row field
-constexpr unsigned kColumnsPerWord = 8 / kBlocks; // columns of one block that share a loaded word
+constexpr unsigned kBlocks = kBits / 16;           // blocks per batch: 2 or 4
+constexpr unsigned kRow = 4 * kBlocks;             // bits per row field
+constexpr unsigned kColumnsPerWord = 8 / kBlocks;  // columns of one block that share a loaded word
 
 constexpr std::uint8_t kRcon[10] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0x1b, 0x36};
 
@@ -69,7 +69,8 @@ inline void store(Word* q, unsigned char* out, std::size_t count) {
   transpose(q);
   for (unsigned b = 0; b < count; ++b)
     for (unsigned c = 0; c < 4; ++c)
-      for (unsigned r = 0; r < 4; ++r) out[16 * b + 4 * c + r] = static_cast<unsigned char>(q[wordOf(b, c)] >> shiftOf(r, c));
+      for (unsigned r = 0; r < 4; ++r)
+        out[16 * b + 4 * c + r] = static_cast<unsigned char>(q[wordOf(b, c)] >> shiftOf(r, c));
 }
 
 // subBytes applies the S-box to every byte: Boyar and Peralta's circuit (a linear layer, a

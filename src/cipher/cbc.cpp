@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/secret.h"
 #include "cipher/modes.h"
+#include "core/secret.h"
 #include "tessel/assert.h"
 #include "tessel/cipher.h"
 
@@ -168,8 +168,9 @@ unsigned CBC_MAC_MP_Cipher::decrypt(const unsigned char* in, unsigned len, const
     const auto inPadding = static_cast<unsigned char>(ct::lessThanMask<std::uint32_t>(i, pad));
     wrongPadding |= static_cast<unsigned char>((out[len - 1 - i] ^ last) & inPadding);
   }
-  const std::uint32_t good = fits & ct::isZeroMask<std::uint32_t>(wrongPadding) &
-                             ~static_cast<std::uint32_t>(ct::maskFromBit<std::uint32_t>(ct::differenceMask(mac, received, h) & 1));
+  const std::uint32_t good =
+      fits & ct::isZeroMask<std::uint32_t>(wrongPadding) &
+      ~static_cast<std::uint32_t>(ct::maskFromBit<std::uint32_t>(ct::differenceMask(mac, received, h) & 1));
   ct::wipeObject(mac);
   ct::wipeObject(received);
   return ct::select<std::uint32_t>(good, payload, decryptFailed);

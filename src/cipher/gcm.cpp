@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/secret.h"
 #include "cipher/modes.h"
+#include "core/secret.h"
 
 #include "tessel/cpu.h"
 #if defined(__x86_64__) || defined(__i386__)

@@ -14,7 +14,8 @@ namespace tessel::detail {
 // public. `size` must be a positive multiple of `block`.
 inline std::uint32_t pkcs7UnpaddedLength(const unsigned char* data, std::uint32_t size, unsigned block) {
   const std::uint32_t pad = data[size - 1];
-  std::uint32_t good = ~ct::isZeroMask(pad) & ~ct::lessThanMask<std::uint32_t>(block, pad) & ~ct::lessThanMask(size, pad);
+  std::uint32_t good =
+      ~ct::isZeroMask(pad) & ~ct::lessThanMask<std::uint32_t>(block, pad) & ~ct::lessThanMask(size, pad);
   unsigned char wrong = 0;
   for (unsigned i = 0; i < block && i < size; ++i) {
     const auto inPadding = static_cast<unsigned char>(ct::lessThanMask<std::uint32_t>(i, pad));

@@ -16,8 +16,7 @@ ECPoint ECPoint::fromOctetString(asn1::blob in) {
   return {BigNum(x), BigNum(in)};
 }
 
-ECPoint ECPoint::fromOctetStringCompressed(asn1::blob in, const BigNum& p, const BigNum& a,
-                                           const BigNum& b) {
+ECPoint ECPoint::fromOctetStringCompressed(asn1::blob in, const BigNum& p, const BigNum& a, const BigNum& b) {
   if (in.empty()) return {};
   const unsigned char form = in[0];
   if (form == 0x04) return fromOctetString(in);
@@ -132,8 +131,8 @@ void WCurve::add(Point& P, const Point& Q, RedNum* t) const {
   tessel::mul(t[1], P.Y, P.X);   // S1
   tessel::mul(P.X, t[0], P.Z);   // Z1³
   tessel::mul(t[0], Q.Y, P.X);   // S2
-  t[3] -= t[2];          // H
-  t[0] -= t[1];          // R
+  t[3] -= t[2];                  // H
+  t[0] -= t[1];                  // R
   if (t[3].isZero() && t[0].isZero()) {
     // The same point: the general formula would give 0/0.
     P = Q;
@@ -142,7 +141,7 @@ void WCurve::add(Point& P, const Point& Q, RedNum* t) const {
   // With H = 0 alone (P = −Q) the formula runs on and gives Z3 = 0, the point at infinity.
   tessel::mul(P.X, P.Z, Q.Z);
   tessel::mul(P.Z, P.X, t[3]);   // Z3
-  sqr(t[4], t[3]);       // H²
+  sqr(t[4], t[3]);               // H²
   tessel::mul(P.X, t[4], t[3]);  // H³
   tessel::mul(P.Y, t[2], t[4]);  // U1·H²
   sqr(t[2], t[0]);
@@ -152,7 +151,7 @@ void WCurve::add(Point& P, const Point& Q, RedNum* t) const {
   P.Y -= t[2];
   tessel::mul(t[3], t[0], P.Y);
   tessel::mul(t[4], t[1], P.X);  // S1·H³
-  t[3] -= t[4];          // Y3
+  t[3] -= t[4];                  // Y3
   std::swap(P.X, t[2]);
   std::swap(P.Y, t[3]);
 }
@@ -197,8 +196,7 @@ WCurve::Point WCurve::mul(const BigNum& k, const Point& P) const {
   return r;
 }
 
-WCurve::Point WCurve::mul2add(const BigNum& k1, const Point& P, const BigNum& k2,
-                              const Point& Q) const {
+WCurve::Point WCurve::mul2add(const BigNum& k1, const Point& P, const BigNum& k2, const Point& Q) const {
   RedNum t[5];
   // table[4i + j] = i·P + j·Q for i, j in 0 … 3; entry 0 is infinity.
   Point table[16];
@@ -322,23 +320,19 @@ struct CurveHex {
 };
 
 const CurveHex kP192 = {
-    "fffffffffffffffffffffffffffffffeffffffffffffffff",
-    "ffffffffffffffffffffffff99def836146bc9b1b4d22831",
-    "64210519e59c80e70fa7e9ab72243049feb8deecc146b9b1",
-    "188da80eb03090f67cbf20eb43a18800f4ff0afd82ff1012",
+    "fffffffffffffffffffffffffffffffeffffffffffffffff", "ffffffffffffffffffffffff99def836146bc9b1b4d22831",
+    "64210519e59c80e70fa7e9ab72243049feb8deecc146b9b1", "188da80eb03090f67cbf20eb43a18800f4ff0afd82ff1012",
     "07192b95ffc8da78631011ed6b24cdd573f977a11e794811"};
-const CurveHex kP224 = {
-    "ffffffffffffffffffffffffffffffff000000000000000000000001",
-    "ffffffffffffffffffffffffffff16a2e0b8f03e13dd29455c5c2a3d",
-    "b4050a850c04b3abf54132565044b0b7d7bfd8ba270b39432355ffb4",
-    "b70e0cbd6bb4bf7f321390b94a03c1d356c21122343280d6115c1d21",
-    "bd376388b5f723fb4c22dfe6cd4375a05a07476444d5819985007e34"};
-const CurveHex kP256 = {
-    "ffffffff00000001000000000000000000000000ffffffffffffffffffffffff",
-    "ffffffff00000000ffffffffffffffffbce6faada7179e84f3b9cac2fc632551",
-    "5ac635d8aa3a93e7b3ebbd55769886bc651d06b0cc53b0f63bce3c3e27d2604b",
-    "6b17d1f2e12c4247f8bce6e563a440f277037d812deb33a0f4a13945d898c296",
-    "4fe342e2fe1a7f9b8ee7eb4a7c0f9e162bce33576b315ececbb6406837bf51f5"};
+const CurveHex kP224 = {"ffffffffffffffffffffffffffffffff000000000000000000000001",
+                        "ffffffffffffffffffffffffffff16a2e0b8f03e13dd29455c5c2a3d",
+                        "b4050a850c04b3abf54132565044b0b7d7bfd8ba270b39432355ffb4",
+                        "b70e0cbd6bb4bf7f321390b94a03c1d356c21122343280d6115c1d21",
+                        "bd376388b5f723fb4c22dfe6cd4375a05a07476444d5819985007e34"};
+const CurveHex kP256 = {"ffffffff00000001000000000000000000000000ffffffffffffffffffffffff",
+                        "ffffffff00000000ffffffffffffffffbce6faada7179e84f3b9cac2fc632551",
+                        "5ac635d8aa3a93e7b3ebbd55769886bc651d06b0cc53b0f63bce3c3e27d2604b",
+                        "6b17d1f2e12c4247f8bce6e563a440f277037d812deb33a0f4a13945d898c296",
+                        "4fe342e2fe1a7f9b8ee7eb4a7c0f9e162bce33576b315ececbb6406837bf51f5"};
 const CurveHex kP384 = {
     "ffffffffffffffffffffffffffffffffffffffffffffffff"
     "fffffffffffffffeffffffff0000000000000000ffffffff",
@@ -361,7 +355,6 @@ const CurveHex kP521 = {
     "baa14b5e77efe75928fe1dc127a2ffa8de3348b3c1856a429bf97e7e31c2e5bd66",
     "011839296a789a3bc0045c8a5fb42c7d1bd998f54449579b446817afbd17273e66"
     "2c97ee72995ef42640c550b9013fad0761353c7086a272c24088be94769fd16650"};
-
 
 const CurveHex* curveHex(Curve c) {
   switch (c) {

@@ -15,7 +15,7 @@ namespace {
 // Fe is one field element (or scalar) of up to kMaxLimbs limbs; only the first limbs() are used.
 using Fe = Limb[kMaxLimbs];
 
-constexpr unsigned kWindow = 4;              // bits per window
+constexpr unsigned kWindow = 4;                  // bits per window
 constexpr std::size_t kEntries = 1u << kWindow;  // table entries, 0·P … 15·P
 
 // nibble returns window i (counted from the least significant) of the `len` big-endian bytes at
@@ -45,7 +45,8 @@ void fixedBytes(unsigned char* out, std::size_t len, const BigNum& x) {
   const std::size_t digits = x.size();
   for (std::size_t i = 0; i < len; ++i) {
     const std::size_t digit = i / 4;
-    out[len - 1 - i] = digit < digits ? static_cast<unsigned char>(x[static_cast<unsigned>(digit)] >> (8 * (i % 4))) : 0;
+    out[len - 1 - i] =
+        digit < digits ? static_cast<unsigned char>(x[static_cast<unsigned>(digit)] >> (8 * (i % 4))) : 0;
   }
 }
 
@@ -77,8 +78,13 @@ const CtCurve* CtCurve::forCurve(Curve c) {
 }
 
 CtCurve::CtCurve(Curve c)
-    : p_(getModForECCurve(c)), n_(getOrderForECCurve(c)), nValue_(getOrderForECCurve(c)), pValue_(getModForECCurve(c)),
-      limbs_(p_.limbs()), fieldBytes_((pValue_.bits() + 7) / 8), orderBytes_((nValue_.bits() + 7) / 8) {
+    : p_(getModForECCurve(c)),
+      n_(getOrderForECCurve(c)),
+      nValue_(getOrderForECCurve(c)),
+      pValue_(getModForECCurve(c)),
+      limbs_(p_.limbs()),
+      fieldBytes_((pValue_.bits() + 7) / 8),
+      orderBytes_((nValue_.bits() + 7) / 8) {
   TESSEL_ASSERT(limbs_ <= kMaxLimbs && n_.limbs() <= kMaxLimbs);
   Fe plain;
   p_.fromBigNum(plain, getBForECCurve(c));

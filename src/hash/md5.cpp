@@ -34,8 +34,9 @@ void MD5::compressBlocks(const unsigned char* p, std::size_t count) {
     for (int i = 0; i < 16; ++i) x[i] = loadLe32(p + 4 * i);
     std::uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
     // Four rounds of sixteen steps; each loop has one round function so it unrolls cleanly.
-    auto step = [](std::uint32_t& a, std::uint32_t b, std::uint32_t f, std::uint32_t xk, std::uint32_t t,
-                   unsigned s) { a = b + rotl32(a + f + xk + t, s); };
+    auto step = [](std::uint32_t& a, std::uint32_t b, std::uint32_t f, std::uint32_t xk, std::uint32_t t, unsigned s) {
+      a = b + rotl32(a + f + xk + t, s);
+    };
     for (int i = 0; i < 16; i += 4) {
       step(a, b, (b & c) | (~b & d), x[i], kT[i], 7);
       step(d, a, (a & b) | (~a & c), x[i + 1], kT[i + 1], 12);

@@ -6,7 +6,6 @@
 
 namespace tessel {
 
-
 namespace {
 
 constexpr std::uint32_t kK[64] = {

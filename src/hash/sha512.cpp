@@ -4,7 +4,6 @@
 
 namespace tessel {
 
-
 namespace {
 
 constexpr std::uint64_t kK[80] = {

@@ -29,8 +29,8 @@ struct CurveMath {
   BigNum p, n, a, b;
   ECPoint G;
   WCurve w;
-  explicit CurveMath(Curve c) : p(getModForECCurve(c)), n(getOrderForECCurve(c)), a(getAForECCurve(c)),
-                                b(getBForECCurve(c)), w(p) {
+  explicit CurveMath(Curve c)
+      : p(getModForECCurve(c)), n(getOrderForECCurve(c)), a(getAForECCurve(c)), b(getBForECCurve(c)), w(p) {
     getECParams(c, p, n, G);
   }
 };

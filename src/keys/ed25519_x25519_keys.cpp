@@ -26,9 +26,7 @@ bool Key25519Public::parseFromDerEncoded(asn1::blob key, asn1::blob params) {
   return true;
 }
 
-std::vector<unsigned char> Key25519Public::encodeToDerEncoded() const {
-  return {publicKey.begin(), publicKey.end()};
-}
+std::vector<unsigned char> Key25519Public::encodeToDerEncoded() const { return {publicKey.begin(), publicKey.end()}; }
 
 bool Key25519Public::equals(const PublicKey& other) const {
   if (other.getKeyType() != getKeyType()) return false;

@@ -4,9 +4,9 @@
 
 #include "cipher/padding.h"
 #include "tessel/block.h"
-#include "tessel/ed25519_x25519_keys.h"
-#include "tessel/ec_key.h"
 #include "tessel/cipher.h"
+#include "tessel/ec_key.h"
+#include "tessel/ed25519_x25519_keys.h"
 #include "tessel/hmac.h"
 #include "tessel/mlkem_keys.h"
 #include "tessel/oids.h"
@@ -93,8 +93,8 @@ bool pbes2Run(const PBES2Params& params, std::string_view password, asn1::blob d
   }
   if (params.iv.size() != scheme->ivBytes) return false;
   if (!iterationsOk(params.iterations)) return false;
-  Bytes key = pbkdf2(*prf, password, params.salt.data(), static_cast<unsigned>(params.salt.size()),
-                     params.iterations, scheme->keyBytes);
+  Bytes key = pbkdf2(*prf, password, params.salt.data(), static_cast<unsigned>(params.salt.size()), params.iterations,
+                     scheme->keyBytes);
   auto cipher = scheme->make(key.data());
   std::fill(key.begin(), key.end(), 0);
   if (encrypt) {
@@ -285,15 +285,13 @@ std::vector<unsigned char> pbes2_encrypt(asn1::blob plaintext, std::string_view 
   return out;
 }
 
-bool pbes2_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1::blob data, Bytes& out,
-                 bool encrypt) {
+bool pbes2_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1::blob data, Bytes& out, bool encrypt) {
   PBES2Params params;
   if (!readPbes2Params(asn1::blob(alg.params), params)) return false;
   return pbes2Run(params, password, data, out, encrypt);
 }
 
-bool pbe1_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1::blob data, Bytes& out,
-                bool encrypt) {
+bool pbe1_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1::blob data, Bytes& out, bool encrypt) {
   asn1::parser p{asn1::blob(alg.params)};
   asn1::blob salt;
   if (!p.enter() || !p.read(asn1::tagOctetString, &salt) || !p.isAt(asn1::tagInteger)) return false;
@@ -315,7 +313,7 @@ std::vector<unsigned char> encodePkcs8EncryptedPrivateKey(const PrivateKey& key,
                                                           unsigned iterations) {
   Bytes inner = encodePkcs8PrivateKey(key);
   if (inner.empty()) return {};
-  PBES2Params params{oid::pbkdf2.content().vec(), Bytes(16), iterations, oid::hmacWithSha256.content().vec(),
+  PBES2Params params{oid::pbkdf2.content().vec(),    Bytes(16), iterations, oid::hmacWithSha256.content().vec(),
                      oid::aes256Cbc.content().vec(), Bytes(16)};
   Rng& rng = getDefaultRng();
   if (!rng.generate(params.salt.data(), 16) || !rng.generate(params.iv.data(), 16)) return {};

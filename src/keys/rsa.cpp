@@ -48,7 +48,8 @@ bool RsaPublicKey::equals(const PublicKey& other) const {
 }
 
 void RsaPublicKey::dump(std::ostream& out) const {
-  out << "[RSA-PUBLIC]" << "\nmodulus: " << n.str() << "\npublicExponent: " << e.str() << "\n";
+  out << "[RSA-PUBLIC]"
+      << "\nmodulus: " << n.str() << "\npublicExponent: " << e.str() << "\n";
 }
 
 asn1::blob RsaPublicKey::parseHashFromDerEncoded(unsigned id, asn1::blob block) {
@@ -108,8 +109,8 @@ std::vector<unsigned char> RsaPrivateKey::encodeToDerEncoded() const {
 }
 
 void RsaPrivateKey::dump(std::ostream& out) const {
-  out << "[RSA-PRIVATE]" << "\nmodulus: " << n.str() << "\npublicExponent: " << e.str()
-      << "\nprivateExponent: " << d.str() << "\n";
+  out << "[RSA-PRIVATE]"
+      << "\nmodulus: " << n.str() << "\npublicExponent: " << e.str() << "\nprivateExponent: " << d.str() << "\n";
 }
 
 std::vector<unsigned char> RsaPrivateKey::signHashed(unsigned hashId, asn1::blob hash) const {

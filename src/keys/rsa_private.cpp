@@ -56,7 +56,8 @@ bool drawBlinding(const RsaPrivateKey& key, const MontModulus& mn, Blinding* b) 
   b->rInv.assign(s, 0);
   bool ok = false;
   for (int attempt = 0; attempt < 8 && !ok; ++attempt) {
-    getDefaultRng().generate(reinterpret_cast<unsigned char*>(raw.data()), static_cast<unsigned>(raw.size() * sizeof(Limb)));
+    getDefaultRng().generate(reinterpret_cast<unsigned char*>(raw.data()),
+                             static_cast<unsigned>(raw.size() * sizeof(Limb)));
     mn.toMontWide(b->rE.data(), raw.data(), raw.size());
     mn.fromMont(r.data(), b->rE.data());
     ok = mn.inv_vartime(b->rInv.data(), r.data());

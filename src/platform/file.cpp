@@ -79,17 +79,12 @@ const char* readRegularFile(std::string& out, std::string_view path, std::size_t
   int fd = ::open(name.c_str(), flags);
   if (fd < 0) return errno == ELOOP && !followLinks ? "not a regular file" : "unreadable";
   const char* fault = nullptr;
-  if (::fstat(fd, &st) != 0)
-    fault = "unreadable";
-  else if (!S_ISREG(st.st_mode))
-    fault = "not a regular file";
-  else if (static_cast<unsigned long long>(st.st_size) > maxSize)
-    fault = "too large";
+  if (::fstat(fd, &st) != 0) fault = "unreadable";
+  else if (!S_ISREG(st.st_mode)) fault = "not a regular file";
+  else if (static_cast<unsigned long long>(st.st_size) > maxSize) fault = "too large";
   // Read one byte past the bound so that a file grown since fstat is still refused.
-  else if (!readAll(fd, out, static_cast<long long>(maxSize) + 1))
-    fault = "unreadable";
-  else if (out.size() > maxSize)
-    fault = "too large";
+  else if (!readAll(fd, out, static_cast<long long>(maxSize) + 1)) fault = "unreadable";
+  else if (out.size() > maxSize) fault = "too large";
   ::close(fd);
   if (fault) out.clear();
   return fault;

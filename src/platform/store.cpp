@@ -126,12 +126,8 @@ bool decodeValue(unsigned char kind, std::span<const unsigned char> v, message::
       out = x;
       return true;
     }
-    case 3:
-      out = std::vector<unsigned char>(v.begin(), v.end());
-      return true;
-    case 4:
-      out = std::string(v.begin(), v.end());
-      return true;
+    case 3: out = std::vector<unsigned char>(v.begin(), v.end()); return true;
+    case 4: out = std::string(v.begin(), v.end()); return true;
     case 5: {
       std::vector<std::string> items;
       Reader r(v);
@@ -143,8 +139,7 @@ bool decodeValue(unsigned char kind, std::span<const unsigned char> v, message::
       out = std::move(items);
       return true;
     }
-    default:
-      return false;
+    default: return false;
   }
 }
 
@@ -235,12 +230,9 @@ bool digits(std::string_view& s, long long& v) {
 // returns its writer's process id; 0 for any other name.
 long long temporaryWriter(std::string_view name) {
   std::uint32_t id;
-  if (name.starts_with(kStateFile) && name.substr(5).starts_with('.'))
-    name.remove_prefix(6);
-  else if (name.size() > 9 && entryId(name.substr(0, 8), id) && name[8] == '.')
-    name.remove_prefix(9);
-  else
-    return 0;
+  if (name.starts_with(kStateFile) && name.substr(5).starts_with('.')) name.remove_prefix(6);
+  else if (name.size() > 9 && entryId(name.substr(0, 8), id) && name[8] == '.') name.remove_prefix(9);
+  else return 0;
   long long pid, part;
   if (!digits(name, pid) || pid <= 0) return 0;
   if (name.starts_with('.') && name.size() > 1 && name[1] != 't') {
@@ -285,8 +277,7 @@ bool message::parse(std::span<const unsigned char> payload) {
     std::span<const unsigned char> bytes;
     message::value v;
     // Ids strictly ascending: one encoding per message, and no field given twice.
-    if (!r.u32(id) || (!first && id <= last) || !r.u8(kind) || !r.sized(bytes) ||
-        !decodeValue(kind, bytes, v)) {
+    if (!r.u32(id) || (!first && id <= last) || !r.u8(kind) || !r.sized(bytes) || !decodeValue(kind, bytes, v)) {
       fields_.clear();
       return false;
     }
@@ -348,16 +339,12 @@ void Store::load() {
     message m;
     // Store files are only ever created by rename as regular files, so a link is foreign too.
     const char* fault = readRegularFile(bytes, dir_ + "/" + std::string(file), maxEntryFile, false);
-    if (!fault && (fault = decodeEntry(bytesOf(bytes), id, m)) == nullptr && id != wanted)
-      fault = "wrong id";
-    else if (!fault && isState && !m.has(kStateField))
-      fault = "bad fields";
+    if (!fault && (fault = decodeEntry(bytesOf(bytes), id, m)) == nullptr && id != wanted) fault = "wrong id";
+    else if (!fault && isState && !m.has(kStateField)) fault = "bad fields";
     if (fault) {
       std::cout << "[ERR] store " << name_ << ": skipped " << file << ": " << fault << "\n";
-      if (isState)
-        statePresence_ = Presence::damaged;
-      else
-        damaged_.insert(wanted);
+      if (isState) statePresence_ = Presence::damaged;
+      else damaged_.insert(wanted);
       continue;
     }
     if (isState) {
@@ -424,10 +411,8 @@ bool Store::put(std::uint32_t id, const message& m) {
 bool Store::remove(std::uint32_t id) {
   if (dir_.empty()) return false;
   std::string path = dir_ + "/" + entryName(id);
-  if (::unlink(path.c_str()) == 0)
-    syncDir(dir_);
-  else if (errno != ENOENT)
-    return false;
+  if (::unlink(path.c_str()) == 0) syncDir(dir_);
+  else if (errno != ENOENT) return false;
   entries_.erase(id);
   damaged_.erase(id);
   return true;

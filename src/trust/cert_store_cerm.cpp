@@ -77,14 +77,11 @@ std::uint32_t legacyTrustMask(const ol::Store& cerm) {
 
 // builtInTrustMask is the set of uses the built-in CA directory is trusted for.
 std::uint32_t builtInTrustMask(const ol::message& settings, const ol::Store& cerm) {
-  if (const std::uint32_t* b = settings.get(kTrustMask))
-    return *b == kTrustMaskDefaultMarker ? kDefaultTrustMask : *b;
+  if (const std::uint32_t* b = settings.get(kTrustMask)) return *b == kTrustMaskDefaultMarker ? kDefaultTrustMask : *b;
   // The older field's default is upgraded to the new default; field 7's value is taken as is.
-  if (const std::uint32_t* b = settings.get(kOldTrustMask))
-    return *b == kOldDefaultTrustMask ? kDefaultTrustMask : *b;
+  if (const std::uint32_t* b = settings.get(kOldTrustMask)) return *b == kOldDefaultTrustMask ? kDefaultTrustMask : *b;
   if (settings.empty()) return kDefaultTrustMask;
-  if (settings.get(kOldSwitchAlone, 0) != 0)
-    return settings.get(kOldUseBuiltIn, true) ? kDefaultTrustMask : 0;
+  if (settings.get(kOldSwitchAlone, 0) != 0) return settings.get(kOldUseBuiltIn, true) ? kDefaultTrustMask : 0;
   return legacyTrustMask(cerm);
 }
 
@@ -126,8 +123,7 @@ bool CertificateMemoryStore::loadFromCerm(unsigned useMask, bool all) {
   // them, and loading everything, still see them.
   const std::uint32_t trustMask = builtInsDamaged(settingsStore, cerm) ? 0 : builtInTrustMask(settings, cerm);
 
-  if ((useMask & (trustMask | kAlwaysBuiltIn)) != 0 || all)
-    loadFromDir(ol::rootPath("/orlin/etc/ca/"), false);
+  if ((useMask & (trustMask | kAlwaysBuiltIn)) != 0 || all) loadFromDir(ol::rootPath("/orlin/etc/ca/"), false);
 
   std::vector<std::uint32_t> caCrlHolders;
   for (std::uint32_t id : cerm.allocator()) {

@@ -7,8 +7,8 @@
 
 #include "tessel/algorithm_id.h"
 #include "tessel/asn1.h"
-#include "tessel/ed25519_x25519_keys.h"
 #include "tessel/ec_key.h"
+#include "tessel/ed25519_x25519_keys.h"
 #include "tessel/pkcs8.h"
 #include "tessel/reducer.h"
 #include "tessel/rsa.h"
@@ -56,7 +56,8 @@ bool leafNameMatches(const X509Certificate& leaf, std::string_view host, const o
                      std::string_view email) {
   const bool haveIp = !ip.isZero();
   for (const auto& name : leaf.subjectAltNames) {
-    if (!host.empty() && name.type == GeneralName::dNSName && hostMatches(lowerCase(text(name.data)), host)) return true;
+    if (!host.empty() && name.type == GeneralName::dNSName && hostMatches(lowerCase(text(name.data)), host))
+      return true;
   }
   for (const auto& name : leaf.subjectAltNames) {
     if (haveIp && name.type == GeneralName::iPAddress && name.getIp() == ip) return true;
@@ -119,8 +120,8 @@ void printPossibleCrls(const Chain& chain) {
 
 // checkCertificate applies the per-certificate rules of the upward walk: CA flag, validity
 // period and revocation. pathValid lets the walk go on.
-unsigned checkCertificate(const Chain& chain, size_t i, const CertificateStore& store, TimePoint now,
-                          bool checkCrl, std::string* error) {
+unsigned checkCertificate(const Chain& chain, size_t i, const CertificateStore& store, TimePoint now, bool checkCrl,
+                          std::string* error) {
   const X509Certificate& cert = *chain[i];
   if (i > 0 && cert.isCa != 1) return pathNotCa;
   if (now < cert.notBefore) {
@@ -218,7 +219,8 @@ bool x509BuildPath(const CertificateStore& store, Chain& chain, std::shared_ptr<
       return !chain.empty();
     }
     if (issuer->isCa != 1) {
-      std::cout << "trust path: certificate without CA constraint with skid: " << asn1::str(issuer->subjectKeyId) << "\n";
+      std::cout << "trust path: certificate without CA constraint with skid: " << asn1::str(issuer->subjectKeyId)
+                << "\n";
       return !chain.empty();
     }
     for (const auto& held : chain) {

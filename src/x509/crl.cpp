@@ -16,10 +16,10 @@ using asn1::Presence;
 // reasonName follows the codes our stored CRL reports have always shown: 7 is "remove from
 // crl" and 8 has no name.
 const char* reasonName(unsigned reason) {
-  static const char* const kNames[] = {"unspecified",          "key compromise",   "ca compromise",
-                                       "affiliation changed",  "superseded",       "cessation of operation",
-                                       "certificate hold",     "remove from crl",  "",
-                                       "privilge withdrawn",   "aa compromise"};
+  static const char* const kNames[] = {"unspecified",         "key compromise",  "ca compromise",
+                                       "affiliation changed", "superseded",      "cessation of operation",
+                                       "certificate hold",    "remove from crl", "",
+                                       "privilge withdrawn",  "aa compromise"};
   return reason < std::size(kNames) ? kNames[reason] : "";
 }
 
@@ -83,7 +83,9 @@ bool X509Crl::parseBody(blob der) {
     case Presence::malformed: return false;
     case Presence::present: break;
   }
-  if (!asn1::parser(extensions).isAt(asn1::tagSequence, &list) || !parseCrlExtensions(list)) return false;
+  // As for certificates, the list is the content of [0]'s first element whatever its tag.
+  list = asn1::parser(extensions).content;
+  if (!parseCrlExtensions(list)) return false;
   return p.atEnd();
 }
 

@@ -43,8 +43,13 @@ const KnownAttr* findAttr(const asn1::blob& oid) {
 // some old certificates).
 bool isDirectoryString(std::uint32_t tag) {
   switch (tag) {
-    case asn1::tagUtf8String: case 0x10: case asn1::tagPrintableString: case asn1::tagT61String:
-    case asn1::tagIa5String: case asn1::tagUniversalString: case asn1::tagBmpString: return true;
+    case asn1::tagUtf8String:
+    case 0x10:
+    case asn1::tagPrintableString:
+    case asn1::tagT61String:
+    case asn1::tagIa5String:
+    case asn1::tagUniversalString:
+    case asn1::tagBmpString: return true;
     default: return false;
   }
 }

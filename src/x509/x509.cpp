@@ -24,14 +24,22 @@ struct UsageName {
 
 // In dump order.
 constexpr UsageName kUsageNames[] = {
-    {kuDigitalSignature, "digital-signature", 0}, {kuContentCommitment, "content-commitment", 0},
-    {kuKeyEncipherment, "key-encipherment", 0},   {kuDataEncipherment, "data-encipherment", 0},
-    {kuKeyAgreement, "key-agreement", 0},         {kuKeyCertSign, "key-cert-sign", 0},
-    {kuCrlSign, "crl-sign", 0},                   {kuEncipherOnly, "encipher-only", 0},
-    {kuDecipherOnly, "decipher-only", 0},         {ekuTlsServer, "tls-server", 1},
-    {ekuTlsClient, "tls-client", 2},              {ekuCodeSigning, "code-signing", 3},
-    {ekuEmailProtection, "email-protection", 4},  {ekuTimeStamping, "time-stamping", 8},
-    {ekuOcspSigning, "ocsp-signing", 9},          {ekuDvcs, "dvcs", 10},
+    {kuDigitalSignature, "digital-signature", 0},
+    {kuContentCommitment, "content-commitment", 0},
+    {kuKeyEncipherment, "key-encipherment", 0},
+    {kuDataEncipherment, "data-encipherment", 0},
+    {kuKeyAgreement, "key-agreement", 0},
+    {kuKeyCertSign, "key-cert-sign", 0},
+    {kuCrlSign, "crl-sign", 0},
+    {kuEncipherOnly, "encipher-only", 0},
+    {kuDecipherOnly, "decipher-only", 0},
+    {ekuTlsServer, "tls-server", 1},
+    {ekuTlsClient, "tls-client", 2},
+    {ekuCodeSigning, "code-signing", 3},
+    {ekuEmailProtection, "email-protection", 4},
+    {ekuTimeStamping, "time-stamping", 8},
+    {ekuOcspSigning, "ocsp-signing", 9},
+    {ekuDvcs, "dvcs", 10},
 };
 constexpr std::uint32_t kKeyUsageBits = 0xFFFF;
 // dvcs alone does not open the extended-usage line; kept so dumps match stored logs.
@@ -76,8 +84,9 @@ bool readSubtrees(blob list, GeneralName& kept, bool critical) {
       std::cout << "multiple name contraints not supported\n";
       return !critical;
     }
+    // An empty or malformed subtree reads as a name of type 0 (GeneralName::parse takes the
+    // type from the parser's state), which a non-critical extension keeps with a message.
     asn1::parser s(subtree);
-    if (s.failed() || s.atEnd()) return false;
     GeneralName name;
     if (!name.parse(s.takeElement())) return false;
     // minimum and maximum are looked for as constructed [0] and [1], as they always were.
@@ -342,14 +351,14 @@ bool X509Certificate::parseBody(blob der) {
     case Presence::absent: break;
   }
   if (!p.atEnd()) return false;  // unique IDs are not supported
-  selfSigned = issuer == subject && !subjectKeyId.empty() &&
-               (authorityKeyId.empty() || authorityKeyId == subjectKeyId);
+  selfSigned = issuer == subject && !subjectKeyId.empty() && (authorityKeyId.empty() || authorityKeyId == subjectKeyId);
   return true;
 }
 
 bool X509Certificate::parseExtensions(blob a3) {
-  blob list;
-  if (!asn1::parser(a3).isAt(asn1::tagSequence, &list)) return false;
+  // The list is the content of [3]'s first element whatever its tag, as certificates have always
+  // been read here: an empty [3] (A3 00) is an empty list.
+  const blob list = asn1::parser(a3).content;
   x509::ExtensionList extensions;
   for (asn1::parser x(list); !x.atEnd(); x.next()) {
     blob ext, oid, value;
@@ -365,9 +374,7 @@ bool X509Certificate::parseExtensions(blob a3) {
   return true;
 }
 
-std::shared_ptr<PublicKey> X509Certificate::parsePublicKey() const {
-  return parsePkcs8PublicKey(blob(publicKeyInfo));
-}
+std::shared_ptr<PublicKey> X509Certificate::parsePublicKey() const { return parsePkcs8PublicKey(blob(publicKeyInfo)); }
 
 bool X509Certificate::setPublicKey(const PublicKey& key) {
   publicKeyInfo = encodePkcs8PublicKey(key);

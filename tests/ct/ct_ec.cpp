@@ -16,7 +16,9 @@ namespace {
 
 using namespace tessel;
 
-void markSecret(BigNum& x) { VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.digits().size() * sizeof(BigNum::Digit)); }
+void markSecret(BigNum& x) {
+  VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.digits().size() * sizeof(BigNum::Digit));
+}
 
 BigNum scalarFor(Curve c, unsigned seed) {
   const unsigned len = (getOrderForECCurve(c).bits() + 7) / 8;

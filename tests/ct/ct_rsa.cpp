@@ -18,8 +18,12 @@
 
 namespace {
 
-void markSecret(tessel::BigNum& x) { VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit)); }
-void markPublic(tessel::BigNum& x) { VALGRIND_MAKE_MEM_DEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit)); }
+void markSecret(tessel::BigNum& x) {
+  VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit));
+}
+void markPublic(tessel::BigNum& x) {
+  VALGRIND_MAKE_MEM_DEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit));
+}
 
 bool rsaSign() {
   using namespace tessel;
