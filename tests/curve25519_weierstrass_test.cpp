@@ -121,7 +121,8 @@ TEST(Ed25519, Wycheproof) {
 // Scalars at and beyond L (tests/data/curve25519_edges.json): the reduction must be exact
 // across the whole 512-bit range.
 TEST(Ed25519, ReduceScalarEdges) {
-  for (const auto& c : test::dataFile("curve25519_edges.json").at("reduceScalar")) {
+  const auto cases = test::dataFile("curve25519_edges.json");
+  for (const auto& c : cases.at("reduceScalar")) {
     Bytes in = fromHex(c[0].get<std::string>()), out(32);
     eddsa::reduceScalar(out.data(), in.data());
     EXPECT_EQ(toHex(out), c[1].get<std::string>()) << c[2];

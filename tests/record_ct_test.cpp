@@ -21,7 +21,7 @@ namespace {
 using test::Bytes;
 using test::TestRng;
 
-const Bytes kCipherKey(24, 0x2b), kMacKey(20, 0x0b), kIv(16, 0x77);
+const Bytes kCipherKey(32, 0x2b), kMacKey(20, 0x0b), kIv(16, 0x77);
 
 // referenceVerdict is the plain decrypt verdict on the decrypted record: MAC over the payload
 // (the padding taken as none when it claims more than the record), then the padding bytes.
