@@ -313,6 +313,31 @@ TESSEL_TARGET_AES void hardwareRounds4(const unsigned char (*keys)[16], unsigned
 }
 #endif
 
+// runBlocks is encryptBlocks and decryptBlocks: four blocks at a time through the AES instructions
+// where the processor has them, otherwise kBlocks at a time through the bitsliced rounds.
+template <bool decrypting>
+void runBlocks(const unsigned char (*hwKeys)[16], const Word (*slicedKeys)[8], unsigned rounds, const unsigned char* in,
+               unsigned char* out, std::size_t count) {
+#if TESSEL_AESNI
+  if (aesInstructionsInUse()) {
+    for (; count >= 4; count -= 4, in += 64, out += 64) hardwareRounds4<decrypting>(hwKeys, rounds, in, out);
+    for (; count; --count, in += 16, out += 16) hardwareRounds(hwKeys, rounds, decrypting, in, out);
+    return;
+  }
+#else
+  (void)hwKeys;
+#endif
+  for (; count; in += 16 * kBlocks, out += 16 * kBlocks) {
+    const std::size_t n = count < kBlocks ? count : kBlocks;
+    Word q[8];
+    load(in, n, q);
+    if constexpr (decrypting) decryptSliced(q, slicedKeys, rounds);
+    else encryptSliced(q, slicedKeys, rounds);
+    store(q, out, n);
+    count -= n;
+  }
+}
+
 }  // namespace
 
 void AESBase::expandKey(const unsigned char* key, unsigned nk) {
@@ -375,39 +400,11 @@ void AESBase::decryptRounds(const unsigned char* in, unsigned char* out, unsigne
 }
 
 void AESBase::encryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const {
-#if TESSEL_AESNI
-  if (aesInstructionsInUse()) {
-    for (; count >= 4; count -= 4, in += 64, out += 64) hardwareRounds4<false>(hwKeys_[0], rounds_, in, out);
-    for (; count; --count, in += 16, out += 16) hardwareRounds(hwKeys_[0], rounds_, false, in, out);
-    return;
-  }
-#endif
-  for (; count; in += 16 * kBlocks, out += 16 * kBlocks) {
-    const std::size_t n = count < kBlocks ? count : kBlocks;
-    Word q[8];
-    load(in, n, q);
-    encryptSliced(q, slicedKeys_, rounds_);
-    store(q, out, n);
-    count -= n;
-  }
+  runBlocks<false>(hwKeys_[0], slicedKeys_, rounds_, in, out, count);
 }
 
 void AESBase::decryptBlocks(const unsigned char* in, unsigned char* out, std::size_t count) const {
-#if TESSEL_AESNI
-  if (aesInstructionsInUse()) {
-    for (; count >= 4; count -= 4, in += 64, out += 64) hardwareRounds4<true>(hwKeys_[1], rounds_, in, out);
-    for (; count; --count, in += 16, out += 16) hardwareRounds(hwKeys_[1], rounds_, true, in, out);
-    return;
-  }
-#endif
-  for (; count; in += 16 * kBlocks, out += 16 * kBlocks) {
-    const std::size_t n = count < kBlocks ? count : kBlocks;
-    Word q[8];
-    load(in, n, q);
-    decryptSliced(q, slicedKeys_, rounds_);
-    store(q, out, n);
-    count -= n;
-  }
+  runBlocks<true>(hwKeys_[1], slicedKeys_, rounds_, in, out, count);
 }
 
 namespace detail {
