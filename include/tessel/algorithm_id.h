@@ -14,7 +14,7 @@ namespace tessel {
 // 1 is unused.
 enum KeyType : unsigned {
   keyRsa = 0,
-  keyEc = 2,       // ECDSA/ECDH over the NIST curves
+  keyEc = 2,  // ECDSA/ECDH over the NIST curves
   keyEd25519 = 3,
   keyX25519 = 4,
   keyMlkem768 = 5,  // ML-KEM-768 key encapsulation (id-alg-ml-kem-768)
@@ -25,6 +25,25 @@ struct AlgorithmIdentifier {
   std::vector<unsigned char> oid;     // OID content bytes (no tag or length)
   std::vector<unsigned char> params;  // the whole parameters element; empty when absent
 };
+
+// SignatureParams says how a message is signed or checked: its digest (hashNone for Ed25519,
+// which hashes inside the signature) and, for RSA, whether RSASSA-PSS replaces PKCS#1 v1.5. PSS
+// masks with MGF1 over `mgfHash` and salts with `saltLength` bytes; left unset they follow the
+// message digest, as RFC 4055 recommends.
+struct SignatureParams {
+  HashID hash = hashNone;
+  bool pss = false;
+  HashID mgfHash = hashNone;  // PSS only; hashNone: the message digest
+  int saltLength = -1;        // PSS only; -1: the message digest's length
+
+  // mgfDigest is the MGF1 digest in effect.
+  HashID mgfDigest() const { return mgfHash == hashNone ? hash : mgfHash; }
+  bool operator==(const SignatureParams&) const = default;
+};
+
+// getHashLength is the output length of MD5, SHA-1, SHA-256, SHA-384, SHA-512 and the MD5+SHA-1
+// pair (16, 20, 32, 48, 64, 36); 0 for any other id.
+unsigned getHashLength(unsigned hash);
 
 // getHashOid returns the OID content of MD5, SHA-1, SHA-256, SHA-384 or SHA-512 (pointing at
 // constant data), or an empty blob for any other id.
@@ -45,6 +64,16 @@ asn1::blob getKeyInfoFromKeyHash(unsigned keyType, unsigned hash);
 // parseAlgosFromKeyInfo reads a complete signature AlgorithmIdentifier (an OID, optionally one
 // NULL, nothing else) and sets both outputs on a known OID; false, outputs untouched, otherwise.
 bool parseAlgosFromKeyInfo(asn1::blob der, KeyType* keyType, HashID* hash);
+// encodeSignatureAlgorithm writes the signature AlgorithmIdentifier of a key type and params:
+// the RSA OIDs with NULL parameters, RSASSA-PSS with its RFC 4055 parameters (defaults
+// omitted, as DER wants), ECDSA and Ed25519 without parameters (RFC 5758, RFC 8410). Empty for
+// a combination nothing signs with (MD5, a key that cannot sign, a PSS salt out of range).
+std::vector<unsigned char> encodeSignatureAlgorithm(KeyType keyType, const SignatureParams& params);
+// parseSignatureAlgorithm reads a complete signature AlgorithmIdentifier: every form
+// parseAlgosFromKeyInfo accepts, and RSASSA-PSS with parameters (SHA-1 to SHA-512 digests, with
+// NULL or absent digest parameters; MGF1; a salt of at most 1024 bytes; trailer 1). False, and
+// the outputs untouched, on anything else.
+bool parseSignatureAlgorithm(asn1::blob der, KeyType* keyType, SignatureParams* params);
 // keyTypeFromOid maps a public-key algorithm OID to its KeyType; unknown OIDs read as RSA, the
 // type of every key the appliance stored before other types existed.
 KeyType keyTypeFromOid(asn1::blob oid);

@@ -39,6 +39,10 @@ class EcPublicKey : public virtual PublicKey {
   // uncompressed point, then end of line.
   void dump(std::ostream& out) const override;
 
+  std::vector<unsigned char> encodePublicKey() const override { return EcPublicKey::encodeToDerEncoded(); }
+  // verify digests `message` with SHA-1 to SHA-512 and checks the ECDSA signature with
+  // verifyHashed; false for any other digest or for PSS.
+  bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
   // verifyHashed checks the DER ECDSA signature `signature` of the digest `hash` (truncated to
   // the order's bit length as ECDSA does). Public data only.
   bool verifyHashed(asn1::blob hash, asn1::blob signature) const;

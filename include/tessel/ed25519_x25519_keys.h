@@ -24,6 +24,7 @@ class Key25519Public : public virtual PublicKey {
   std::vector<unsigned char> encodeToDerEncoded() const override;
   // encodeParams is empty: RFC 8410 leaves the parameters absent.
   std::vector<unsigned char> encodeParams() const override { return {}; }
+  std::vector<unsigned char> encodePublicKey() const override { return {publicKey.begin(), publicKey.end()}; }
   // equals compares the key type and the 32 bytes.
   bool equals(const PublicKey& other) const override;
   // dump writes "[ED25519-PUBLIC]" or "[X25519-PUBLIC]", then "\npublicKey: " and the hex.
@@ -56,6 +57,8 @@ class Ed25519PublicKey : public virtual Key25519Public {
   KeyType getKeyType() const override { return keyEd25519; }
   // verify returns true only for a valid Ed25519 signature of `message` (see eddsa::verify).
   bool verify(asn1::blob message, asn1::blob signature) const;
+  // verify with params is verify when `params` name no digest and no PSS; false otherwise.
+  bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
 };
 
 class Ed25519PrivateKey : public Ed25519PublicKey, public Key25519Private {
@@ -67,6 +70,7 @@ class Ed25519PrivateKey : public Ed25519PublicKey, public Key25519Private {
   std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const override;
   // sign returns the 64-byte signature of `message`.
   std::vector<unsigned char> sign(asn1::blob message) const;
+  using PrivateKey::sign;
 
  protected:
   void derivePublic() override;

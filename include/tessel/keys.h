@@ -3,6 +3,7 @@
 // PKCS#8) choose the class by the algorithm OID and hand it the inner bytes.
 #pragma once
 
+#include <memory>
 #include <ostream>
 #include <vector>
 
@@ -29,6 +30,15 @@ class PublicKey {
   virtual KeyType getKeyType() const = 0;
   // dump writes the key in the library's diagnostic text form.
   virtual void dump(std::ostream& out) const = 0;
+
+  // encodePublicKey returns the DER body of the public part alone, also when the object is a
+  // private key: what a SubjectPublicKeyInfo may carry. Empty when the key is not set.
+  virtual std::vector<unsigned char> encodePublicKey() const = 0;
+  // verify checks `signature` over `message` as `params` say (the message is digested here,
+  // except by Ed25519, which hashes inside the signature), to the letter of the signature
+  // scheme: RSA signatures must be exactly k bytes below n with the one valid padding. True
+  // only for a valid signature; keys that cannot sign verify nothing. Public data only.
+  virtual bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const;
 };
 
 // PrivateKey adds the private operation the signing code uses.
@@ -36,6 +46,14 @@ class PrivateKey : public virtual PublicKey {
  public:
   // signHashed signs an already computed digest `hash` of algorithm `hashId`; empty on failure.
   virtual std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const = 0;
+  // sign returns the signature of `message` as `params` say: the message digest goes to
+  // signHashed (Ed25519 takes the message whole, with hashNone), and RSA keys also sign with
+  // RSASSA-PSS. Empty when the key cannot sign that way (another digest, PSS on a key that is
+  // not RSA, a key that only agrees on secrets).
+  virtual std::vector<unsigned char> sign(asn1::blob message, const SignatureParams& params) const;
+  // publicPart returns a new public key object holding this key's public part; null when the
+  // public part does not read back.
+  std::shared_ptr<PublicKey> publicPart() const;
 };
 
 }  // namespace tessel

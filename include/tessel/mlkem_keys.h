@@ -34,6 +34,7 @@ class MLKEMPublicKey : public virtual PublicKey {
   std::vector<unsigned char> encodeToDerEncoded() const override;
   // encodeParams is empty: the parameters are absent.
   std::vector<unsigned char> encodeParams() const override { return {}; }
+  std::vector<unsigned char> encodePublicKey() const override { return encapsulationKey; }
   // equals compares the key type and the encapsulation key.
   bool equals(const PublicKey& other) const override;
   KeyType getKeyType() const override { return keyMlkem768; }

@@ -35,7 +35,11 @@ std::string encodePemType(const std::string& label, const std::vector<unsigned c
 std::string encodePemCertificate(const X509Certificate& cert);
 std::string encodePemCrl(const X509Crl& crl);
 std::string encodePemPkcs8PrivateKey(const PrivateKey& key);
+// encodePemPkcs8PublicKey armours encodePkcs8PublicKey (the object's own DER, see there).
 std::string encodePemPkcs8PublicKey(const PublicKey& key);
+// encodePemPublicKey armours encodeSubjectPublicKeyInfo: the public part only, whatever object
+// it is handed.
+std::string encodePemPublicKey(const PublicKey& key);
 // encodePemPkcs8EncryptedPrivateKey uses PBES2 with 2048 PBKDF2 iterations.
 std::string encodePemPkcs8EncryptedPrivateKey(const PrivateKey& key, const std::string& password);
 

@@ -32,9 +32,15 @@ inline constexpr unsigned kMaxPbeIterations = 16u << 20;
 std::shared_ptr<PublicKey> makePublicKey(KeyType type);
 std::shared_ptr<PrivateKey> makePrivateKey(KeyType type);
 
-// encodePkcs8PublicKey writes SubjectPublicKeyInfo { AlgorithmIdentifier, BIT STRING key };
-// empty when the key has no DER.
+// encodePkcs8PublicKey writes SubjectPublicKeyInfo { AlgorithmIdentifier, BIT STRING key } with
+// the object's own DER (encodeToDerEncoded): handed a private key object it writes the private
+// body, as it always has. Empty when the key has no DER. New code uses
+// encodeSubjectPublicKeyInfo.
 std::vector<unsigned char> encodePkcs8PublicKey(const PublicKey& key);
+// encodeSubjectPublicKeyInfo writes the SubjectPublicKeyInfo of the key's public part only
+// (encodePublicKey), whether it is handed a public or a private key object; empty when the key
+// is not set.
+std::vector<unsigned char> encodeSubjectPublicKeyInfo(const PublicKey& key);
 // parsePkcs8PublicKey reads exactly one SubjectPublicKeyInfo. Unknown algorithm OIDs read as
 // RSA. Null on any failure.
 std::shared_ptr<PublicKey> parsePkcs8PublicKey(asn1::blob der);

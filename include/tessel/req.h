@@ -25,6 +25,9 @@ class X509Req : public X509Base {
   bool parseReq(asn1::blob der);
   // setPublicKey stores the key's SubjectPublicKeyInfo; false when the key has no encoding.
   bool setPublicKey(const PublicKey& key);
+  // setSubjectPublicKey stores the SubjectPublicKeyInfo of the key's public part only (a
+  // private key object may be handed in); false when the key is not set.
+  bool setSubjectPublicKey(const PublicKey& key);
   // dump writes the request's diagnostic text form.
   void dump(std::ostream& os) const;
 

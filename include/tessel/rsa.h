@@ -24,6 +24,18 @@ class RsaPublicKey : public virtual PublicKey {
   KeyType getKeyType() const override { return keyRsa; }
   void dump(std::ostream& out) const override;
 
+  std::vector<unsigned char> encodePublicKey() const override { return RsaPublicKey::encodeToDerEncoded(); }
+  // verify checks a PKCS#1 v1.5 signature (SHA-1 to SHA-512, or the bare MD5+SHA-1 pair) by
+  // rebuilding the one valid block and comparing it whole, or an RSASSA-PSS signature (RFC 8017
+  // section 9.1.2, SHA-1 to SHA-512, the salt length of `params`). The signature must be k bytes
+  // and below n; keys with exponents or moduli no real key has are refused.
+  bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
+  // verifyPkcs1Legacy_vartime is the PKCS#1 v1.5 check stored certificates have always been
+  // verified with: s taken modulo n whatever its length, at least eight FF bytes of padding and
+  // a DigestInfo read by parseHashFromDerEncoded (which prints why it refuses one). Kept so that
+  // what validated before still validates; new code uses verify.
+  bool verifyPkcs1Legacy_vartime(unsigned hashId, asn1::blob message, asn1::blob signature) const;
+
   // modulusLength is k, the byte length of the modulus.
   unsigned modulusLength() const { return (n.bits() + 7) / 8; }
   // parseHashFromDerEncoded checks a DigestInfo recovered from a signature (padding already
@@ -35,6 +47,9 @@ class RsaPublicKey : public virtual PublicKey {
  protected:
   // checkPublicParts applies the acceptance rules on n and e.
   bool checkPublicParts() const;
+  // publicParamsSane bounds what a verifier will compute with: an odd modulus of at most 16384
+  // bits and an odd exponent of 3 to 64 bits.
+  bool publicParamsSane() const;
 };
 
 class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
@@ -52,11 +67,19 @@ class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
   // DigestInfo, or the raw 36 bytes for the MD5+SHA-1 pair (TLS 1.0 style). Empty when the
   // modulus is too short for T or the private operation fails.
   std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const override;
+  // sign signs `message` with PKCS#1 v1.5 (SHA-1 to SHA-512, the MD5+SHA-1 pair) or RSASSA-PSS
+  // (SHA-1 to SHA-512, MGF1, a fresh random salt from the default source). Empty for another
+  // digest, a salt that does not fit the key, or a failed private operation.
+  std::vector<unsigned char> sign(asn1::blob message, const SignatureParams& params) const override;
   // privateOperation returns c^d mod n as k bytes, through the CRT when the key has its CRT
   // values, in constant time on a randomly blinded c; the result is checked against the public
   // exponent. Empty when c >= n, when the key is unusable (an even modulus or prime) or when the
   // check fails.
   std::vector<unsigned char> privateOperation(asn1::blob c) const;
 };
+
+// rsaPkcs1Block is the k-byte EMSA-PKCS1-v1_5 block 00 01 FF..FF 00 T of a digest: T is its
+// DigestInfo, or the raw digest for the MD5+SHA-1 pair. Empty when k is too short for T.
+std::vector<unsigned char> rsaPkcs1Block(unsigned hashId, asn1::blob hash, unsigned k);
 
 }  // namespace tessel

@@ -42,11 +42,21 @@ class X509Base {
 
 // Bits of the keyUsage flag word shared by certificates and requests.
 enum KeyUsageBit : std::uint32_t {
-  kuDigitalSignature = 0x80, kuContentCommitment = 0x40, kuKeyEncipherment = 0x20,
-  kuDataEncipherment = 0x10, kuKeyAgreement = 0x08, kuKeyCertSign = 0x04, kuCrlSign = 0x02,
-  kuEncipherOnly = 0x01, kuDecipherOnly = 0x8000,
-  ekuTlsServer = 0x10000, ekuTlsClient = 0x20000, ekuCodeSigning = 0x40000,
-  ekuEmailProtection = 0x80000, ekuTimeStamping = 0x100000, ekuOcspSigning = 0x200000,
+  kuDigitalSignature = 0x80,
+  kuContentCommitment = 0x40,
+  kuKeyEncipherment = 0x20,
+  kuDataEncipherment = 0x10,
+  kuKeyAgreement = 0x08,
+  kuKeyCertSign = 0x04,
+  kuCrlSign = 0x02,
+  kuEncipherOnly = 0x01,
+  kuDecipherOnly = 0x8000,
+  ekuTlsServer = 0x10000,
+  ekuTlsClient = 0x20000,
+  ekuCodeSigning = 0x40000,
+  ekuEmailProtection = 0x80000,
+  ekuTimeStamping = 0x100000,
+  ekuOcspSigning = 0x200000,
   ekuDvcs = 0x400000
 };
 
@@ -62,9 +72,9 @@ class X509Certificate : public X509Base {
   std::vector<unsigned char> subjectKeyId;
   std::vector<unsigned char> authorityKeyId;
   std::vector<GeneralName> crlDistributionPoints;
-  std::int32_t pathLen = -1;                  // -1: no limit
-  GeneralName permittedName, excludedName;   // the one subtree of each kind that is kept
-  std::uint32_t isCa = 0;                     // 0 absent, 1 cA TRUE, 2 present without cA TRUE
+  std::int32_t pathLen = -1;                // -1: no limit
+  GeneralName permittedName, excludedName;  // the one subtree of each kind that is kept
+  std::uint32_t isCa = 0;                   // 0 absent, 1 cA TRUE, 2 present without cA TRUE
 
   // parse reads a DER certificate. False on any structural fault or an unsupported critical
   // extension; the object is then partly filled and must not be used. Views are not kept:
@@ -75,6 +85,9 @@ class X509Certificate : public X509Base {
   std::shared_ptr<PublicKey> parsePublicKey() const;
   // setPublicKey stores the key's SubjectPublicKeyInfo; false when the key has no encoding.
   bool setPublicKey(const PublicKey& key);
+  // setSubjectPublicKey stores the SubjectPublicKeyInfo of the key's public part only (a
+  // private key object may be handed in); false when the key is not set.
+  bool setSubjectPublicKey(const PublicKey& key);
   // dump writes the certificate's diagnostic text form.
   void dump(std::ostream& os) const;
   // dumpKeyUsage writes the "key usage" and "extended key usage" lines of `flags`; nothing for 0.

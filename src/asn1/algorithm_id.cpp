@@ -21,7 +21,137 @@ const KeyAlgorithm kKeyAlgorithms[] = {
     {&asn1::oid::x25519, keyX25519},     {&asn1::oid::mlKem768, keyMlkem768},
 };
 
+// The PSS parameters' defaults (RFC 4055): SHA-1, MGF1 with SHA-1, 20 bytes of salt, trailer 1.
+constexpr unsigned kPssDefaultSalt = 20;
+// No real signer salts with more than a digest or two; a bound keeps hostile values harmless.
+constexpr unsigned kMaxPssSalt = 1024;
+
+bool pssDigest(unsigned hash) {
+  return hash == hashSha1 || hash == hashSha256 || hash == hashSha384 || hash == hashSha512;
+}
+
+// readHashAlgorithm reads the content of a digest AlgorithmIdentifier inside PSS parameters,
+// where RFC 4055 asks readers to take NULL and absent parameters alike.
+HashID readHashAlgorithm(asn1::blob content) {
+  asn1::parser p(content);
+  asn1::blob oid;
+  if (!p.read(asn1::tagOid, &oid)) return hashNone;
+  p.skipIf(asn1::tagNull);
+  if (!p.atEnd()) return hashNone;
+  const HashID hash = getHashID(oid);
+  return getHashOid(hash) == oid && pssDigest(hash) ? hash : hashNone;  // no HMAC OIDs here
+}
+
+// readMgf reads MaskGenAlgorithm content: id-mgf1 with its digest AlgorithmIdentifier.
+HashID readMgf(asn1::blob content) {
+  asn1::parser p(content);
+  asn1::blob oid, hash;
+  if (!p.read(asn1::tagOid, &oid) || !asn1::oid::mgf1.is(oid) || !p.read(asn1::tagSequence, &hash) || !p.atEnd())
+    return hashNone;
+  return readHashAlgorithm(hash);
+}
+
+// readExplicitUInt reads `[n] EXPLICIT INTEGER` content holding a small non-negative value.
+bool readExplicitUInt(asn1::blob content, unsigned* value) {
+  asn1::parser p(content);
+  asn1::blob v;
+  if (!p.read(asn1::tagInteger, &v) || !p.atEnd() || v.empty() || v.size() > 3 || (v[0] & 0x80)) return false;
+  if (v.size() > 1 && v[0] == 0 && !(v[1] & 0x80)) return false;  // not minimal
+  *value = 0;
+  for (unsigned char b : v) *value = (*value << 8) | b;
+  return true;
+}
+
+// onlySequence takes the content of the one SEQUENCE an explicit tag wraps.
+bool onlySequence(asn1::blob field, asn1::blob* content) {
+  asn1::parser p(field);
+  return p.read(asn1::tagSequence, content) && p.atEnd();
+}
+
+bool readPssParams(asn1::blob content, SignatureParams* out) {
+  SignatureParams params{hashSha1, true, hashSha1, kPssDefaultSalt};
+  asn1::parser p(content);
+  asn1::blob field, inner;
+  unsigned salt = kPssDefaultSalt, trailer = 1;
+  if (p.readOptional(asn1::explicitTag(0), &field) == asn1::Presence::present)
+    params.hash = onlySequence(field, &inner) ? readHashAlgorithm(inner) : hashNone;
+  if (p.readOptional(asn1::explicitTag(1), &field) == asn1::Presence::present)
+    params.mgfHash = onlySequence(field, &inner) ? readMgf(inner) : hashNone;
+  if (p.readOptional(asn1::explicitTag(2), &field) == asn1::Presence::present && !readExplicitUInt(field, &salt))
+    return false;
+  if (p.readOptional(asn1::explicitTag(3), &field) == asn1::Presence::present && !readExplicitUInt(field, &trailer))
+    return false;
+  if (!p.atEnd() || params.hash == hashNone || params.mgfHash == hashNone || salt > kMaxPssSalt || trailer != 1)
+    return false;
+  params.saltLength = static_cast<int>(salt);
+  *out = params;
+  return true;
+}
+
+void writePssParams(DerEncoder& e, const SignatureParams& params, unsigned salt) {
+  DerScope seq = e.beginSequence();
+  if (params.hash != hashSha1) e.element(asn1::explicitTag(0), [&](DerEncoder& x) { saveHash(x, params.hash); });
+  if (params.mgfDigest() != hashSha1) {
+    e.element(asn1::explicitTag(1), [&](DerEncoder& x) {
+      x.sequence([&](DerEncoder& mgf) {
+        mgf.addOid(asn1::oid::mgf1.content());
+        saveHash(mgf, params.mgfDigest());
+      });
+    });
+  }
+  if (salt != kPssDefaultSalt)
+    e.element(asn1::explicitTag(2), [&](DerEncoder& x) { x.addInt(asn1::tagInteger, salt); });
+}
+
 }  // namespace
+
+unsigned getHashLength(unsigned hash) {
+  switch (hash) {
+    case hashMd5: return 16;
+    case hashSha1: return 20;
+    case hashSha256: return 32;
+    case hashSha384: return 48;
+    case hashSha512: return 64;
+    case hashMd5Sha1: return 36;
+    default: return 0;
+  }
+}
+
+std::vector<unsigned char> encodeSignatureAlgorithm(KeyType keyType, const SignatureParams& params) {
+  DerEncoder e;
+  if (params.pss) {
+    const int salt = params.saltLength < 0 ? static_cast<int>(getHashLength(params.hash)) : params.saltLength;
+    if (keyType != keyRsa || !pssDigest(params.hash) || !pssDigest(params.mgfDigest()) || salt > int(kMaxPssSalt))
+      return {};
+    DerScope seq = e.beginSequence();
+    e.addOid(asn1::oid::rsassaPss.content());
+    writePssParams(e, params, static_cast<unsigned>(salt));
+  } else {
+    if (keyType != keyRsa && keyType != keyEc && keyType != keyEd25519) return {};
+    const asn1::blob oid = getKeyInfoFromKeyHash(keyType, params.hash);
+    if (oid.empty()) return {};
+    DerScope seq = e.beginSequence();
+    e.addOid(oid);
+    if (keyType == keyRsa) e.addNull();
+  }
+  return std::move(e.data);
+}
+
+bool parseSignatureAlgorithm(asn1::blob der, KeyType* keyType, SignatureParams* params) {
+  asn1::parser p;
+  asn1::blob oid, pss;
+  if (!asn1::readOnly(der, asn1::tagSequence, &p) || !p.read(asn1::tagOid, &oid)) return false;
+  if (asn1::oid::rsassaPss.is(oid)) {
+    // The parameters are required beside a signature (RFC 4055 section 3.1).
+    if (!p.read(asn1::tagSequence, &pss) || !p.atEnd() || !readPssParams(pss, params)) return false;
+    *keyType = keyRsa;
+    return true;
+  }
+  HashID hash = hashNone;
+  if (!parseAlgosFromKeyInfo(der, keyType, &hash)) return false;
+  *params = SignatureParams{hash};
+  return true;
+}
 
 asn1::blob getHashOid(unsigned hash) {
   for (std::size_t i = 0; i < std::size(kDigestIds); ++i)

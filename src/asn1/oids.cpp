@@ -19,6 +19,9 @@ const SignatureAlgorithm kSignatureAlgorithms[] = {
     {&oid::ed448, "ED448", keyEd25519, hashNone, false},  // key and hash unused
     // X25519 has no dump name; parseAlgosFromKeyInfo has always accepted it.
     {&oid::x25519, nullptr, keyX25519, hashNone, true},
+    // RSASSA-PSS carries its digest in its parameters: only the signature-algorithm reader that
+    // understands them accepts it, and dumps show it dotted.
+    {&oid::rsassaPss, nullptr, keyRsa, hashNone, false},
 };
 
 const HmacAlgorithm kHmacAlgorithms[] = {

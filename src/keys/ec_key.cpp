@@ -156,6 +156,12 @@ bool EcPublicKey::verifyHashed(asn1::blob hash, asn1::blob signature) const {
   return mod(m.w.toEC(std::move(R)).x, m.n) == r;
 }
 
+bool EcPublicKey::verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
+  if (params.pss || params.hash == hashMd5 || params.hash == hashMd5Sha1) return false;
+  const std::vector<unsigned char> digest = calcDigest(params.hash, message);
+  return !digest.empty() && verifyHashed(asn1::blob(digest), signature);
+}
+
 EcPrivateKey::~EcPrivateKey() {
   for (auto& digit : d.digits()) digit = 0;
 }

@@ -75,6 +75,10 @@ bool Ed25519PublicKey::verify(asn1::blob message, asn1::blob signature) const {
   return eddsa::verify(signature.span(), message.span(), publicKey);
 }
 
+bool Ed25519PublicKey::verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
+  return params == SignatureParams{} && verify(message, signature);
+}
+
 void Ed25519PrivateKey::derivePublic() { eddsa::publicKeyFromSeed(publicKey.data(), privateKey.data()); }
 
 std::vector<unsigned char> Ed25519PrivateKey::sign(asn1::blob message) const {

@@ -213,8 +213,9 @@ std::shared_ptr<PrivateKey> makePrivateKey(KeyType type) {
   }
 }
 
-std::vector<unsigned char> encodePkcs8PublicKey(const PublicKey& key) {
-  Bytes body = key.encodeToDerEncoded();
+namespace {
+
+Bytes spki(const PublicKey& key, const Bytes& body) {
   if (body.empty()) return {};
   DerEncoder e;
   e.sequence([&](DerEncoder& s) {
@@ -226,6 +227,12 @@ std::vector<unsigned char> encodePkcs8PublicKey(const PublicKey& key) {
   });
   return std::move(e.data);
 }
+
+}  // namespace
+
+std::vector<unsigned char> encodePkcs8PublicKey(const PublicKey& key) { return spki(key, key.encodeToDerEncoded()); }
+
+std::vector<unsigned char> encodeSubjectPublicKeyInfo(const PublicKey& key) { return spki(key, key.encodePublicKey()); }
 
 std::shared_ptr<PublicKey> parsePkcs8PublicKey(asn1::blob der) {
   asn1::parser spki;

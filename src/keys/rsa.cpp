@@ -114,21 +114,8 @@ void RsaPrivateKey::dump(std::ostream& out) const {
 }
 
 std::vector<unsigned char> RsaPrivateKey::signHashed(unsigned hashId, asn1::blob hash) const {
-  std::vector<unsigned char> t;
-  if (hashId == hashMd5Sha1) {
-    t = hash.vec();
-  } else {
-    DerEncoder enc;
-    saveDigest(enc, hashId, hash);
-    t = std::move(enc.data);
-  }
-  const unsigned k = modulusLength();
-  if (k < t.size() + 1) return {};
-  std::vector<unsigned char> em(k, 0xFF);
-  em[0] = 0x00;
-  if (k > 1) em[1] = 0x01;
-  em[k - t.size() - 1] = 0x00;
-  std::copy(t.begin(), t.end(), em.end() - static_cast<std::ptrdiff_t>(t.size()));
+  const std::vector<unsigned char> em = rsaPkcs1Block(hashId, hash, modulusLength());
+  if (em.empty()) return {};
   return privateOperation(asn1::blob(em));
 }
 

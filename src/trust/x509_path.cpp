@@ -7,10 +7,7 @@
 
 #include "tessel/algorithm_id.h"
 #include "tessel/asn1.h"
-#include "tessel/ec_key.h"
-#include "tessel/ed25519_x25519_keys.h"
 #include "tessel/pkcs8.h"
-#include "tessel/reducer.h"
 #include "tessel/rsa.h"
 
 namespace tessel {
@@ -148,26 +145,6 @@ unsigned checkCertificate(const Chain& chain, size_t i, const CertificateStore& 
   return pathValid;
 }
 
-bool verifyRsa_vartime(const RsaPublicKey& key, unsigned hashId, const X509Base& object) {
-  if (!key.n.isOdd()) return false;  // no such RSA key; the Montgomery reducer needs an odd modulus
-  // A peer chooses the keys of the chains it sends: exponents and moduli beyond any real key's
-  // would let it buy seconds of work per chain, so they fail here like a bad signature.
-  if (key.e.bits() > 64 || !key.e.isOdd() || (key.e.size() == 1 && key.e[0] < 3) || key.n.bits() > 16384) return false;
-  const unsigned k = key.modulusLength();
-  const std::vector<unsigned char> em = expByMod(BigNum(asn1::blob(object.signature)), key.e, key.n).bin(k);
-  if (em.size() != k || k < 11 || em[0] != 0x00 || em[1] != 0x01) return false;
-  size_t i = 2;
-  while (i < k && em[i] == 0xFF) ++i;
-  if (i - 2 < 8 || i == k || em[i] != 0x00) return false;
-  const asn1::blob t(em.data() + i + 1, em.data() + k);
-  const std::vector<unsigned char> digest = calcDigest(hashId, asn1::blob(object.tbs));
-  if (digest.empty()) return false;
-  // The MD5+SHA-1 pair of old TLS is signed bare, without a DigestInfo.
-  if (hashId == hashMd5Sha1) return t == asn1::blob(digest);
-  const asn1::blob recovered = RsaPublicKey::parseHashFromDerEncoded(hashId, t);
-  return !recovered.empty() && recovered == asn1::blob(digest);
-}
-
 }  // namespace
 
 bool verifySignature(const X509Base* object, asn1::blob publicKeyInfo, PathRes* result) {
@@ -183,17 +160,13 @@ bool verifySignature(const X509Base* object, asn1::blob publicKeyInfo, PathRes* 
     return false;
   }
   result->code = pathBadSignature;
-  if (const auto* rsa = dynamic_cast<const RsaPublicKey*>(key.get()); rsa && keyType == keyRsa) {
-    return verifyRsa_vartime(*rsa, hashId, *object);
+  const asn1::blob tbs(object->tbs), signature(object->signature);
+  if (keyType == keyRsa) {
+    // Stored chains have always been checked with the lenient PKCS#1 reading; they keep it.
+    const auto* rsa = dynamic_cast<const RsaPublicKey*>(key.get());
+    return rsa && rsa->verifyPkcs1Legacy_vartime(hashId, tbs, signature);
   }
-  if (const auto* ec = dynamic_cast<const EcPublicKey*>(key.get()); ec && keyType == keyEc) {
-    const std::vector<unsigned char> digest = calcDigest(hashId, asn1::blob(object->tbs));
-    return !digest.empty() && ec->verifyHashed(asn1::blob(digest), asn1::blob(object->signature));
-  }
-  if (const auto* ed = dynamic_cast<const Ed25519PublicKey*>(key.get()); ed && keyType == keyEd25519) {
-    return ed->verify(asn1::blob(object->tbs), asn1::blob(object->signature));
-  }
-  return false;
+  return key->verify(tbs, signature, SignatureParams{hashId});
 }
 
 bool matchNameConstraint(const GeneralName& constraint, const GeneralName& name) {

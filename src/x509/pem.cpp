@@ -189,6 +189,10 @@ std::string encodePemCrl(const X509Crl& crl) { return encodePemType("X509 CRL", 
 std::string encodePemPkcs8PrivateKey(const PrivateKey& key) {
   return encodePemType("PRIVATE KEY", encodePkcs8PrivateKey(key));
 }
+std::string encodePemPublicKey(const PublicKey& key) {
+  return encodePemType("PUBLIC KEY", encodeSubjectPublicKeyInfo(key));
+}
+
 std::string encodePemPkcs8PublicKey(const PublicKey& key) {
   return encodePemType("PUBLIC KEY", encodePkcs8PublicKey(key));
 }

@@ -103,6 +103,11 @@ bool X509Req::setPublicKey(const PublicKey& key) {
   return !publicKeyInfo.empty();
 }
 
+bool X509Req::setSubjectPublicKey(const PublicKey& key) {
+  publicKeyInfo = encodeSubjectPublicKeyInfo(key);
+  return !publicKeyInfo.empty();
+}
+
 void X509Req::dump(std::ostream& os) const {
   os << "REQ\n";
   os << "  name: <" << subject.str() << ">\n";

@@ -381,6 +381,11 @@ bool X509Certificate::setPublicKey(const PublicKey& key) {
   return !publicKeyInfo.empty();
 }
 
+bool X509Certificate::setSubjectPublicKey(const PublicKey& key) {
+  publicKeyInfo = encodeSubjectPublicKeyInfo(key);
+  return !publicKeyInfo.empty();
+}
+
 void X509Certificate::dumpKeyUsage(unsigned flags, std::ostream& os) {
   if (flags == 0) return;
   auto line = [&](const char* head, std::uint32_t mask) {
