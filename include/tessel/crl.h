@@ -14,7 +14,7 @@ class X509Crl : public X509Base {
   struct RevokedCert {
     std::vector<unsigned char> serial;  // userCertificate INTEGER content
     TimePoint revocationDate;
-    std::uint8_t reason = 255;          // CRLReason; 255 when the entry has none
+    std::uint8_t reason = 255;  // CRLReason; 255 when the entry has none
   };
 
   DistinguishedName issuer;
@@ -29,6 +29,17 @@ class X509Crl : public X509Base {
   bool parse(const unsigned char* data, unsigned len);
   // dump writes the CRL's diagnostic text form.
   void dump(std::ostream& os) const;
+
+  // updateTbs builds a v2 body from the fields, signed by the issuer's `key`: thisUpdate,
+  // nextUpdate when set, the revoked entries and the cRLNumber and authority key id extensions.
+  // An empty authorityKeyId is derived from `key` with digestAlgo; an empty crlNumber becomes
+  // thisUpdate in seconds, which grows from one CRL to the next. False for a serial or CRL
+  // number longer than 20 bytes.
+  bool updateTbs(const PrivateKey& key, HashID hash) override;
+  // serializeRevokedCerts writes the revokedCertificates SEQUENCE (each entry with its reason
+  // code extension when it has one); empty when nothing is revoked, as the field is then left
+  // out.
+  std::vector<unsigned char> serializeRevokedCerts() const;
 
  private:
   bool parseBody(asn1::blob der);

@@ -40,9 +40,13 @@ class EcPublicKey : public virtual PublicKey {
   void dump(std::ostream& out) const override;
 
   std::vector<unsigned char> encodePublicKey() const override { return EcPublicKey::encodeToDerEncoded(); }
-  // verify digests `message` with SHA-1 to SHA-512 and checks the ECDSA signature with
-  // verifyHashed; false for any other digest or for PSS.
+  // verify digests `message` with SHA-1 to SHA-512 and checks the ECDSA signature, which must
+  // be DER to the letter (minimal lengths, minimal positive INTEGERs); false for any other
+  // digest or for PSS.
   bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
+  // verifyLenient is verify with verifyHashed's reading of the signature (non-minimal lengths
+  // accepted), as stored certificates have always been checked.
+  bool verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
   // verifyHashed checks the DER ECDSA signature `signature` of the digest `hash` (truncated to
   // the order's bit length as ECDSA does). Public data only.
   bool verifyHashed(asn1::blob hash, asn1::blob signature) const;

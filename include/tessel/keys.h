@@ -39,6 +39,12 @@ class PublicKey {
   // scheme: RSA signatures must be exactly k bytes below n with the one valid padding. True
   // only for a valid signature; keys that cannot sign verify nothing. Public data only.
   virtual bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const;
+  // verifyLenient is verify as stored certificates and CRLs have always been checked, so that
+  // what validated before still does: RSA PKCS#1 v1.5 reads the padding and the DigestInfo
+  // leniently, ECDSA takes non-minimal DER lengths. Other keys and schemes: verify.
+  virtual bool verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
+    return verify(message, signature, params);
+  }
 };
 
 // PrivateKey adds the private operation the signing code uses.

@@ -31,6 +31,12 @@ class X509Req : public X509Base {
   // dump writes the request's diagnostic text form.
   void dump(std::ostream& os) const;
 
+  // updateTbs builds the CertificationRequestInfo from the fields for signing by the request's
+  // own `key`: an empty publicKeyInfo is set from the key's public part; the attributes hold the
+  // challenge password when set and an extension request with the alternative names and key
+  // usages. False when publicKeyInfo is not the key's own.
+  bool updateTbs(const PrivateKey& key, HashID hash) override;
+
  private:
   bool parseExtensionRequest(asn1::blob set);
 };

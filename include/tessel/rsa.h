@@ -30,11 +30,10 @@ class RsaPublicKey : public virtual PublicKey {
   // section 9.1.2, SHA-1 to SHA-512, the salt length of `params`). The signature must be k bytes
   // and below n; keys with exponents or moduli no real key has are refused.
   bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
-  // verifyPkcs1Legacy_vartime is the PKCS#1 v1.5 check stored certificates have always been
-  // verified with: s taken modulo n whatever its length, at least eight FF bytes of padding and
-  // a DigestInfo read by parseHashFromDerEncoded (which prints why it refuses one). Kept so that
-  // what validated before still validates; new code uses verify.
-  bool verifyPkcs1Legacy_vartime(unsigned hashId, asn1::blob message, asn1::blob signature) const;
+  // verifyLenient checks PKCS#1 v1.5 as stored certificates have always been checked: s taken
+  // modulo n whatever its length, at least eight FF bytes of padding and a DigestInfo read by
+  // parseHashFromDerEncoded (which prints why it refuses one). PSS: verify.
+  bool verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
 
   // modulusLength is k, the byte length of the modulus.
   unsigned modulusLength() const { return (n.bits() + 7) / 8; }

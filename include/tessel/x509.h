@@ -29,7 +29,28 @@ class X509Base {
   static HashID digestAlgo;
 
   virtual ~X509Base() = default;
+  // updateTbs rebuilds `tbs` from the object's fields, to be signed by `key` with `hash`; the
+  // signature algorithm written inside is `sigAlg` when it names that key type and digest (as
+  // sign leaves it), else the plain one of the pair, which is then also stored in `sigAlg`.
+  // False when the fields cannot be written; X509Base itself has no fields and always fails.
+  virtual bool updateTbs(const PrivateKey& key, HashID hash);
 
+  // sign rebuilds the body with updateTbs and signs it: `sigAlg` and `signature` are set for
+  // `key` and `params` (RSASSA-PSS included). False, with sigAlg and signature cleared, when
+  // the key cannot sign that way or the body cannot be built.
+  bool sign(const PrivateKey& key, const SignatureParams& params);
+  // sign with a digest signs with the key type's usual scheme (PKCS#1 v1.5 for RSA).
+  bool sign(const PrivateKey& key, HashID hash) { return sign(key, SignatureParams{hash}); }
+  // verify checks the signature over `tbs` with `key`, reading the scheme and its parameters
+  // (RSASSA-PSS included) from `sigAlg`, to the letter of the scheme; false on any mismatch.
+  bool verify(const PublicKey& key) const;
+
+ protected:
+  // signatureAlgorithmFor returns the signature AlgorithmIdentifier updateTbs writes for `key`
+  // and `hash` (see updateTbs) and keeps it in `sigAlg`; empty when the pair cannot sign.
+  std::vector<unsigned char> signatureAlgorithmFor(const PrivateKey& key, HashID hash);
+
+ public:
   // unpackObj splits a signed object SEQUENCE { tbs SEQUENCE, sigAlg SEQUENCE, BIT STRING }
   // and copies the three parts; false when the structure differs or anything follows.
   bool unpackObj(asn1::blob der);
@@ -90,6 +111,18 @@ class X509Certificate : public X509Base {
   bool setSubjectPublicKey(const PublicKey& key);
   // dump writes the certificate's diagnostic text form.
   void dump(std::ostream& os) const;
+
+  // updateTbs builds a v3 body from the fields, signed by the issuer's `key`. An empty serial
+  // gets 16 random bytes; an empty subjectKeyId is derived from the subject key with digestAlgo
+  // and an empty authorityKeyId from `key` the same way (so a self-signed certificate's equals
+  // its subjectKeyId); selfSigned is set as parsing would set it. False when the serial is
+  // longer than 20 bytes or publicKeyInfo is not a SubjectPublicKeyInfo.
+  bool updateTbs(const PrivateKey& key, HashID hash) override;
+  // serializeExtensions writes the Extensions SEQUENCE of the fields: basicConstraints
+  // (critical on a CA), keyUsage (critical), extendedKeyUsage, subjectKeyIdentifier,
+  // authorityKeyIdentifier, subjectAltName (critical when the subject is empty), CRL
+  // distribution points and nameConstraints (critical); empty when there is none to write.
+  std::vector<unsigned char> serializeExtensions() const;
   // dumpKeyUsage writes the "key usage" and "extended key usage" lines of `flags`; nothing for 0.
   static void dumpKeyUsage(unsigned flags, std::ostream& os);
 

@@ -156,10 +156,25 @@ bool EcPublicKey::verifyHashed(asn1::blob hash, asn1::blob signature) const {
   return mod(m.w.toEC(std::move(R)).x, m.n) == r;
 }
 
-bool EcPublicKey::verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
+bool EcPublicKey::verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
   if (params.pss || params.hash == hashMd5 || params.hash == hashMd5Sha1) return false;
   const std::vector<unsigned char> digest = calcDigest(params.hash, message);
   return !digest.empty() && verifyHashed(asn1::blob(digest), signature);
+}
+
+bool EcPublicKey::verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
+  // Strict DER is the one encoding that writes (r, s) back byte for byte.
+  asn1::parser der;
+  asn1::blob r, s;
+  if (!asn1::readOnly(signature, asn1::tagSequence, &der) || !der.read(asn1::tagInteger, &r) ||
+      !der.read(asn1::tagInteger, &s) || !der.atEnd())
+    return false;
+  DerEncoder canonical;
+  canonical.sequence([&](DerEncoder& seq) {
+    seq.addInt(asn1::tagInteger, BigNum(r));
+    seq.addInt(asn1::tagInteger, BigNum(s));
+  });
+  return asn1::blob(canonical.data) == signature && verifyLenient(message, signature, params);
 }
 
 EcPrivateKey::~EcPrivateKey() {

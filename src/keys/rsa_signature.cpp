@@ -142,7 +142,9 @@ bool RsaPublicKey::verify(asn1::blob message, asn1::blob signature, const Signat
   return pkcs1Digest(params.hash) && rsaPkcs1Block(params.hash, asn1::blob(digest), k) == em;
 }
 
-bool RsaPublicKey::verifyPkcs1Legacy_vartime(unsigned hashId, asn1::blob message, asn1::blob signature) const {
+bool RsaPublicKey::verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
+  if (params.pss) return verify(message, signature, params);
+  const unsigned hashId = params.hash;
   if (!publicParamsSane()) return false;
   const unsigned k = modulusLength();
   const Bytes em = expByMod(BigNum(signature), e, n).bin(k);

@@ -160,13 +160,7 @@ bool verifySignature(const X509Base* object, asn1::blob publicKeyInfo, PathRes* 
     return false;
   }
   result->code = pathBadSignature;
-  const asn1::blob tbs(object->tbs), signature(object->signature);
-  if (keyType == keyRsa) {
-    // Stored chains have always been checked with the lenient PKCS#1 reading; they keep it.
-    const auto* rsa = dynamic_cast<const RsaPublicKey*>(key.get());
-    return rsa && rsa->verifyPkcs1Legacy_vartime(hashId, tbs, signature);
-  }
-  return key->verify(tbs, signature, SignatureParams{hashId});
+  return key->verifyLenient(asn1::blob(object->tbs), asn1::blob(object->signature), SignatureParams{hashId});
 }
 
 bool matchNameConstraint(const GeneralName& constraint, const GeneralName& name) {

@@ -282,6 +282,19 @@ std::uint32_t extKeyUsageBits(blob seqContent) {
   return bits;
 }
 
+std::vector<unsigned char> extKeyUsageValue(std::uint32_t flags) {
+  DerEncoder e;
+  e.sequence([&](DerEncoder& s) {
+    for (const UsageName& u : kUsageNames) {
+      if (u.ekuArc == 0 || !(flags & u.bit)) continue;
+      std::vector<unsigned char> oid = asn1::oid::idKp.content().vec();
+      oid.push_back(u.ekuArc);
+      s.addOid(asn1::blob(oid));
+    }
+  });
+  return e.data.size() > 2 ? std::move(e.data) : std::vector<unsigned char>();
+}
+
 void dumpNames(const std::vector<GeneralName>& names, const char* indent, std::ostream& os) {
   for (const GeneralName& n : names) os << indent << n.typeStr() << ": " << n.dataStr() << "\n";
 }
