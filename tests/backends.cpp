@@ -15,30 +15,33 @@ namespace tessel::test {
 
 namespace {
 
-// OffloadOn switches kernel offload on for its lifetime.
-struct OffloadOn {
-  OffloadOn() { ol::kernelCrypto = true; }
-  ~OffloadOn() { ol::kernelCrypto = false; }
-};
-
-// checkKernel fails the test unless `obj` is a kernel object bound to `driver`.
+// made fails the test unless `obj` is a software object (`drivers` null) or a kernel object
+// bound to `driver`.
 template <class Object>
-void checkKernel(const Object* obj, const std::string& driver, std::set<std::string>* drivers) {
-  auto* k = dynamic_cast<const KernelAlg*>(obj);
-  ASSERT_TRUE(k) << "not a kernel object; expected driver " << driver;
-  EXPECT_EQ(k->algorithmName(), driver);
-  drivers->insert(driver);
+std::unique_ptr<Object> made(std::unique_ptr<Object> obj, const std::string& driver, std::set<std::string>* drivers) {
+  auto* k = dynamic_cast<const KernelAlg*>(obj.get());
+  EXPECT_EQ(k != nullptr, drivers != nullptr) << "expected driver " << driver;
+  if (k && drivers) {
+    EXPECT_EQ(k->algorithmName(), driver);
+    drivers->insert(driver);
+  }
+  return obj;
 }
 
-bool isAesKey(std::size_t n) { return n == 16 || n == 24 || n == 32; }
+// Offload switches kernel offload on or off for its lifetime.
+struct Offload {
+  explicit Offload(bool on) { ol::kernelCrypto = on; }
+  ~Offload() { ol::kernelCrypto = false; }
+};
 
-// pieces cuts `len` bytes into update() calls: byte by byte for short messages, otherwise a few
-// pieces that cross the 64- and 128-byte block edges unevenly.
-std::vector<std::size_t> pieces(std::size_t len) {
-  if (len <= 200) return std::vector<std::size_t>(len, 1);
-  std::vector<std::size_t> out = {1, 63, 65, 127};
-  out.push_back(len - 256);
-  return out;
+// feed updates `h` with `msg` cut in `pieces`.
+Hash& feed(Hash& h, const Bytes& msg, const std::vector<std::size_t>& pieces) {
+  std::size_t at = 0;
+  for (std::size_t n : pieces) {
+    h.update(msg.data() + at, static_cast<unsigned>(n));
+    at += n;
+  }
+  return h;
 }
 
 Bytes concat(Bytes a, const Bytes& b) {
@@ -53,21 +56,17 @@ void gcmCase(const Backend& b, Cipher& c, const Bytes& iv, const Bytes& aad, con
   const auto ivLen = static_cast<unsigned>(iv.size());
   if (valid) {
     c.setIV(iv.data(), ivLen);
-    Bytes ours = sealWith(c, msg, aad);
     // The kernel path sends no request for an empty message, so it writes no tag either.
-    EXPECT_EQ(toHex(ours), b.kernel && msg.empty() ? std::string(32, '0') : toHex(sealed));
+    EXPECT_EQ(toHex(sealWith(c, msg, aad)), b.kernel && msg.empty() ? std::string(32, '0') : toHex(sealed));
   }
   c.setIV(iv.data(), ivLen);
-  if (!b.kernel) {
-    EXPECT_EQ(openWith(c, sealed, aad), valid ? std::optional(msg) : std::nullopt);
-    return;
-  }
-  // A rejected message is reported by the failing receive.
   std::optional<Bytes> opened;
   const std::string said = test::said([&] { opened = openWith(c, sealed, aad); });
   EXPECT_EQ(opened, valid ? std::optional(msg) : std::nullopt);
+  // The kernel reports a rejected message by the failing receive; software says nothing.
+  std::string why = std::string(aad.empty() ? "alg recv failed: " : "alg recvmsg failed: ") + std::strerror(EBADMSG);
   if (!valid && sealed.size() >= 16) {
-    EXPECT_EQ(said, std::string(aad.empty() ? "alg recv failed: " : "alg recvmsg failed: ") + std::strerror(EBADMSG) + "\n");
+    EXPECT_EQ(said, b.kernel ? why + "\n" : "");
   }
 }
 
@@ -83,51 +82,37 @@ int forEachCase(const nlohmann::json& cases, Check check) {
   return count;
 }
 
+bool hasKernelDriver(unsigned cipherId, std::size_t keyLen) {
+  return ((cipherId == 4 || cipherId == 5) && (keyLen == 16 || keyLen == 24 || keyLen == 32)) ||
+         (cipherId == 7 && (keyLen == 16 || keyLen == 32));
+}
+
 }  // namespace
 
 Backend softwareBackend() {
-  Backend b;
-  b.name = "software";
-  b.hash = [](unsigned id) {
-    auto h = createHash(id);
-    EXPECT_FALSE(dynamic_cast<KernelAlg*>(h.get()));
-    return h;
-  };
-  b.cipher = [](unsigned id, const Bytes& key) {
-    auto c = createCipher(id, key, 16);
-    EXPECT_FALSE(dynamic_cast<KernelAlg*>(c.get()));
-    return c;
-  };
-  return b;
+  return {[](unsigned id) { return made(createHash(id), "", nullptr); },
+          [](unsigned id, const Bytes& key) { return made(createCipher(id, key, 16), "", nullptr); }};
 }
 
 Backend kernelBackend(std::set<std::string>* drivers) {
-  Backend b;
-  b.name = "kernel";
-  b.kernel = true;
-  b.hash = [drivers](unsigned id) -> std::unique_ptr<Hash> {
+  auto hash = [drivers](unsigned id) -> std::unique_ptr<Hash> {
     if (id != hashSha1 && id != hashSha256 && id != hashSha512) return nullptr;
-    OffloadOn on;
-    auto h = createHash(id);
-    checkKernel(h.get(), detail::hashDriverName(id), drivers);
-    return h;
+    Offload on(true);
+    return made(createHash(id), detail::hashDriverName(id), drivers);
   };
-  b.cipher = [drivers](unsigned id, const Bytes& key) -> std::unique_ptr<Cipher> {
-    if (!((id == 4 || id == 5) && isAesKey(key.size())) && !(id == 7 && (key.size() == 16 || key.size() == 32)))
-      return nullptr;
-    OffloadOn on;
-    auto c = createCipher(id, key, 16);
-    checkKernel(c.get(), detail::cipherDriverName(id, key.size()), drivers);
-    return c;
+  auto cipher = [drivers](unsigned id, const Bytes& key) -> std::unique_ptr<Cipher> {
+    if (!hasKernelDriver(id, key.size())) return nullptr;
+    Offload on(true);
+    return made(createCipher(id, key, 16), detail::cipherDriverName(id, key.size()), drivers);
   };
-  return b;
+  return {hash, cipher, true};
 }
 
 unsigned hashIdForName(std::string name) {
   if (name.starts_with("HMAC-")) name = name.substr(5);
   static const std::pair<const char*, unsigned> names[] = {
-      {"MD4", hashMd4},           {"MD5", hashMd5},           {"SHA-1", hashSha1},        {"SHA-256", hashSha256},
-      {"SHA-384", hashSha384},    {"SHA-512", hashSha512},    {"HMACSHA1", hashSha1},     {"HMACSHA256", hashSha256},
+      {"MD4", hashMd4},           {"MD5", hashMd5},          {"SHA-1", hashSha1},    {"SHA-256", hashSha256},
+      {"SHA-384", hashSha384},    {"SHA-512", hashSha512},   {"HMACSHA1", hashSha1}, {"HMACSHA256", hashSha256},
       {"HMACSHA384", hashSha384}, {"HMACSHA512", hashSha512}};
   for (auto& [n, id] : names)
     if (name == n) return id;
@@ -139,22 +124,15 @@ int digestKnownAnswers(const Backend& b, const nlohmann::json& cases) {
   return forEachCase(cases, [&](const nlohmann::json& c) {
     auto h = b.hash(hashIdForName(c["algorithm"]));
     if (!h) return false;
-    Bytes msg;
-    if (c.contains("message_repeat")) {
-      std::string unit = c["message_string"];
-      for (int i = 0, n = c["message_repeat"]; i < n; ++i) msg.insert(msg.end(), unit.begin(), unit.end());
-    } else {
-      msg = *field(c, "message");
-    }
-    const std::string expected = c["digest"];
-    // One call, then in pieces on the same object: a digest leaves it reusable.
-    EXPECT_EQ(toHex(h->update(msg).digest()), expected);
-    std::size_t at = 0;
-    for (std::size_t n : pieces(msg.size())) {
-      h->update(msg.data() + at, static_cast<unsigned>(n));
-      at += n;
-    }
-    EXPECT_EQ(toHex(h->digest()), expected);
+    const Bytes unit = *field(c, "message");
+    Bytes msg = c.contains("message_repeat") ? Bytes{} : unit;
+    for (int i = 0; i < c.value("message_repeat", 0); ++i) msg.insert(msg.end(), unit.begin(), unit.end());
+    // One call, then in pieces crossing the block edges on the same object: a digest leaves it
+    // reusable.
+    EXPECT_EQ(toHex(h->update(msg).digest()), c["digest"]);
+    std::vector<std::size_t> pieces(std::min<std::size_t>(msg.size(), 200), 1);
+    if (msg.size() > 200) pieces = {1, 63, 65, 127, msg.size() - 256};
+    EXPECT_EQ(toHex(feed(*h, msg, pieces).digest()), c["digest"]);
     return true;
   });
 }
@@ -164,11 +142,7 @@ int hmacKnownAnswers(const Backend& b, const nlohmann::json& cases) {
     auto h = b.hash(hashIdForName(c["algorithm"]));
     if (!h) return false;
     Bytes key = *field(c, "key");
-    HMAC mac(h.get(), key.data(), static_cast<unsigned>(key.size()));
-    const Bytes out = mac.update(*field(c, "data")).digest();
-    if (c.contains("truncated_mac")) {
-      EXPECT_EQ(toHex(out.data(), c["truncated_mac_length_bytes"].get<std::size_t>()), c["truncated_mac"].get<std::string>());
-    }
+    const Bytes out = HMAC(h.get(), key.data(), static_cast<unsigned>(key.size())).update(*field(c, "data")).digest();
     EXPECT_EQ(toHex(out), c["mac"].get<std::string>());
     return true;
   });
@@ -176,13 +150,13 @@ int hmacKnownAnswers(const Backend& b, const nlohmann::json& cases) {
 
 int modeKnownAnswers(const Backend& b, const nlohmann::json& cases) {
   return forEachCase(cases, [&](const nlohmann::json& c) {
-    const std::string mode = c["mode"];
-    const unsigned id = mode == "CBC" ? 4 : mode == "CTR" ? 5 : 6;
+    const unsigned id = c["mode"] == "CBC" ? 4 : c["mode"] == "CTR" ? 5 : 6;
     Bytes key = *field(c, "key"), iv = *field(c, c.contains("iv") ? "iv" : "initial_counter_block");
     auto cipher = b.cipher(id, key);
     if (!cipher) return false;
     const bool encrypt = c["direction"] == "encrypt";
-    const Bytes in = *field(c, encrypt ? "plaintext" : "ciphertext"), want = *field(c, encrypt ? "ciphertext" : "plaintext");
+    const Bytes in = *field(c, encrypt ? "plaintext" : "ciphertext"),
+                want = *field(c, encrypt ? "ciphertext" : "plaintext");
     // The whole message at once, then block by block on the chaining the object keeps.
     for (unsigned piece : {static_cast<unsigned>(in.size()), 16u}) {
       Bytes out(in.size());
@@ -197,51 +171,38 @@ int modeKnownAnswers(const Backend& b, const nlohmann::json& cases) {
   });
 }
 
-int gcmKnownAnswers(const Backend& b, const nlohmann::json& cases) {
-  return forEachCase(cases, [&](const nlohmann::json& c) {
-    // IVs other than 12 bytes follow this library's own rule in software (gcm_test.cpp) and
-    // are refused by the kernel.
-    Bytes key = *field(c, "key"), iv = *field(c, "iv");
-    auto gcm = iv.size() == 12 ? b.cipher(7, key) : nullptr;
-    if (!gcm) return false;
-    gcmCase(b, *gcm, iv, *field(c, "aad"), *field(c, "plaintext"), concat(*field(c, "ciphertext"), *field(c, "tag")),
-            true);
-    return true;
-  });
-}
-
 int gcmWycheproof(const Backend& b, const nlohmann::json& file) {
   int count = 0;
   forEachWycheproofTest(file, [&](const auto&, const auto& t) {
-    auto hex = [&](const char* name) { return fromHex(t[name].template get<std::string>()); };
-    Bytes iv = hex("iv");
-    if (iv.size() != 12) return;
-    auto gcm = b.cipher(7, hex("key"));
+    Bytes iv = *field(t, "iv");
+    auto gcm = iv.size() == 12 ? b.cipher(7, *field(t, "key")) : nullptr;
     if (!gcm) return;
-    gcmCase(b, *gcm, iv, hex("aad"), hex("msg"), concat(hex("ct"), hex("tag")), t["result"] == "valid");
+    gcmCase(b, *gcm, iv, *field(t, "aad"), *field(t, "msg"), concat(*field(t, "ct"), *field(t, "tag")),
+            t["result"] == "valid");
     ++count;
   });
   return count;
 }
 
 #if TESSEL_HAVE_OPENSSL
+// failedHere tells whether the running test failed since `before` was taken (a random runner
+// stops at its first failure rather than repeating it).
+bool failedHere(bool before) { return !before && testing::Test::HasFailure(); }
+
 int digestsMatchOpenSsl(const Backend& b, int perAlgorithm) {
   int count = 0;
-  TestRng rng(0xd16e57);
-  for (unsigned id : {hashSha1, hashSha256, hashSha512}) {
+  const bool before = testing::Test::HasFailure();
+  TestRng rng(0x7e55e1);
+  for (unsigned id = 1; id <= 7; ++id) {
     auto h = b.hash(id);
-    if (!h) continue;
-    for (int i = 0; i < perAlgorithm; ++i) {
-      const std::size_t len = i < 130 ? static_cast<std::size_t>(i) : rng.below(5000);
+    for (int i = 0; h && i < perAlgorithm; ++i) {
+      // Every length up to past two 128-byte blocks, then random ones and ones near block edges.
+      std::size_t len = i % 3 ? rng.below(4096) : 128 * rng.below(33) + rng.below(3) + (rng.below(2) ? 0 : 8);
+      len = i < 300 ? static_cast<std::size_t>(i) : i % 3 || !len ? len : len - 1;
       Bytes msg = rng.bytes(len);
-      std::size_t at = 0;
-      for (std::size_t n : randomSplits(rng, len)) {
-        h->update(msg.data() + at, static_cast<unsigned>(n));
-        at += n;
-      }
-      const std::string got = toHex(h->digest()), want = toHex(opensslDigest(id, msg));
-      EXPECT_EQ(got, want) << "id " << id << " iteration " << i;
-      if (got != want) return count;
+      EXPECT_EQ(toHex(feed(*h, msg, randomSplits(rng, len)).digest()), toHex(opensslDigest(id, msg)))
+          << "id " << id << " iteration " << i << " length " << len;
+      if (failedHere(before)) return count;
       ++count;
     }
   }
@@ -254,32 +215,36 @@ int modesMatchOpenSsl(const Backend& b, int perRow) {
     std::size_t keyLen;
     const EVP_CIPHER* (*evp)();
   };
-  const Row rows[] = {{4, 16, EVP_aes_128_cbc}, {4, 24, EVP_aes_192_cbc}, {4, 32, EVP_aes_256_cbc},
-                      {5, 16, EVP_aes_128_ctr}, {5, 24, EVP_aes_192_ctr}, {5, 32, EVP_aes_256_ctr}};
+  const Row rows[] = {{4, 16, EVP_aes_128_cbc},    {4, 24, EVP_aes_192_cbc}, {4, 32, EVP_aes_256_cbc},
+                      {5, 16, EVP_aes_128_ctr},    {5, 24, EVP_aes_192_ctr}, {5, 32, EVP_aes_256_ctr},
+                      {6, 16, EVP_aes_128_cfb128}, {2, 8, EVP_des_cbc},      {3, 24, EVP_des_ede3_cbc}};
   int count = 0;
+  const bool before = testing::Test::HasFailure();
   TestRng rng(0xc1be5);
   for (const Row& r : rows) {
     for (int i = 0; i < perRow; ++i) {
-      Bytes key = rng.bytes(r.keyLen), iv = rng.bytes(16);
+      Bytes key = rng.bytes(r.keyLen);
       auto c = b.cipher(r.id, key);
       if (!c) break;
+      const std::size_t block = c->blockLength();
+      Bytes iv = rng.bytes(block);
       if (r.id == 5) iv[12] = 0;  // far from the low word's wrap, which OpenSSL carries and we do not
       std::size_t len = rng.below(3000);
-      if (r.id == 4 || b.kernel) len -= len % 16;
+      if ((r.id != 5 && r.id != 6) || b.kernel) len -= len % block;
       Bytes msg = rng.bytes(len), want = opensslCipher(r.evp(), key, iv, msg, true), out(len);
-      c->setIV(iv.data(), 16);
-      c->encrypt(msg.data(), static_cast<unsigned>(len), nullptr, 0, out.data());
-      const bool sealed = out == want;
-      EXPECT_EQ(toHex(out), toHex(want)) << r.id << "/" << r.keyLen << " iteration " << i;
-      // Decrypt in chained calls of whole blocks (the last may be partial in software CTR).
-      c->setIV(iv.data(), 16);
-      for (std::size_t at = 0; at < len;) {
-        std::size_t n = std::min(len - at, 16 * (1 + rng.below(20)));
-        EXPECT_EQ(c->decrypt(want.data() + at, static_cast<unsigned>(n), nullptr, 0, out.data() + at), n);
-        at += n;
+      // Chained calls of whole blocks; only a stream's last piece may be partial.
+      for (bool encrypt : {true, false}) {
+        c->setIV(iv.data(), static_cast<unsigned>(block));
+        const Bytes& in = encrypt ? msg : want;
+        for (std::size_t at = 0, n; at < len; at += n) {
+          n = std::min(len - at, block * rng.below(40));
+          if (!n) n = len - at;
+          if (encrypt) c->encrypt(in.data() + at, static_cast<unsigned>(n), nullptr, 0, out.data() + at);
+          else EXPECT_EQ(c->decrypt(in.data() + at, static_cast<unsigned>(n), nullptr, 0, out.data() + at), n);
+        }
+        EXPECT_EQ(toHex(out), toHex(encrypt ? want : msg)) << r.id << "/" << r.keyLen << " iteration " << i;
+        if (failedHere(before)) return count;
       }
-      EXPECT_EQ(toHex(out), toHex(msg)) << r.id << "/" << r.keyLen << " iteration " << i;
-      if (!sealed || out != msg) return count;
       ++count;
     }
   }
@@ -287,15 +252,18 @@ int modesMatchOpenSsl(const Backend& b, int perRow) {
 }
 
 int gcmMatchesOpenSsl(const Backend& b, int count) {
-  TestRng rng(0x6c3e);
+  TestRng rng(0x6c3);
   int done = 0;
-  for (int i = 0; i < count; ++i) {
-    Bytes key = rng.bytes(i % 2 ? 32 : 16), iv = rng.bytes(12);
-    Bytes aad = rng.bytes(rng.below(3) ? rng.below(70) : 0), msg = rng.bytes(1 + rng.below(1500));
-    auto gcm = b.cipher(7, key);
-    if (!gcm) break;
+  const bool before = testing::Test::HasFailure();
+  for (int i = 0; i < count && !failedHere(before); ++i) {
+    Bytes key = rng.bytes(i % 3 == 0   ? 32
+                          : i % 3 == 1 ? 16
+                                       : 24),
+          iv = rng.bytes(rng.below(3) ? 12 : 13 + rng.below(60));
+    Bytes aad = rng.bytes(rng.below(3) ? rng.below(70) : 0), msg = rng.bytes(rng.below(1500));
+    auto gcm = iv.size() == 12 || !b.kernel ? b.cipher(7, key) : nullptr;
+    if (!gcm) continue;
     gcmCase(b, *gcm, iv, aad, msg, opensslGcmSeal(key, iv, aad, msg), true);
-    if (testing::Test::HasFatalFailure()) break;
     ++done;
   }
   return done;

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "openssl_oracle.h"
@@ -23,34 +22,23 @@ using test::TestRng;
 
 const Bytes kCipherKey(32, 0x2b), kMacKey(20, 0x0b), kIv(16, 0x77);
 
+Bytes macOf(unsigned hashId, const Bytes& prefix, const Bytes& record, std::size_t len) {
+  Bytes input = prefix;
+  input.insert(input.end(), record.begin(), record.begin() + static_cast<long>(len));
+  return test::opensslHmac(hashId, kMacKey, input);
+}
+
 // referenceVerdict is the plain decrypt verdict on the decrypted record: MAC over the payload
 // (the padding taken as none when it claims more than the record), then the padding bytes.
 unsigned referenceVerdict(const Bytes& prefix, const Bytes& record, unsigned hashId, unsigned blockLen) {
   const unsigned h = static_cast<unsigned>(test::opensslHmac(hashId, kMacKey, {}).size());
   const auto len = static_cast<unsigned>(record.size());
   if (len == 0 || len % blockLen || h > len) return decryptFailed;
-  const unsigned last = record.back();
-  unsigned pad = last + 1;
-  if (pad > len - h) pad = 0;
-  const unsigned payload = len - h - pad;
-  Bytes macInput = prefix;
-  macInput.insert(macInput.end(), record.begin(), record.begin() + payload);
-  if (test::opensslHmac(hashId, kMacKey, macInput) != Bytes(record.begin() + payload, record.begin() + payload + h))
+  const unsigned last = record.back(), pad = last + 1 > len - h ? 0 : last + 1, payload = len - h - pad;
+  if (macOf(hashId, prefix, record, payload) != Bytes(record.begin() + payload, record.begin() + payload + h) ||
+      pad != last + 1 || std::any_of(record.end() - pad, record.end(), [&](unsigned char b) { return b != last; }))
     return decryptFailed;
-  if (pad != last + 1) return decryptFailed;
-  for (unsigned i = len - pad; i < len; ++i)
-    if (record[i] != last) return decryptFailed;
   return payload;
-}
-
-// wellFormed builds plaintext || HMAC(prefix || plaintext) || padding of `pad` bytes.
-Bytes wellFormed(const Bytes& prefix, const Bytes& plain, unsigned hashId, unsigned pad) {
-  Bytes macInput = prefix, record = plain;
-  macInput.insert(macInput.end(), plain.begin(), plain.end());
-  Bytes mac = test::opensslHmac(hashId, kMacKey, macInput);
-  record.insert(record.end(), mac.begin(), mac.end());
-  record.insert(record.end(), pad, static_cast<unsigned char>(pad - 1));
-  return record;
 }
 
 struct RecordSetup {
@@ -80,7 +68,7 @@ void check(const RecordSetup& s, const Bytes& prefix, const Bytes& record) {
   ASSERT_EQ(got, referenceVerdict(prefix, record, s.hashId, s.blockLen)) << test::toHex(record);
   // Records shorter than the MAC are turned away before decryption, as they always were.
   if (record.size() >= test::opensslHmac(s.hashId, kMacKey, {}).size()) {
-    EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<long>(record.size())), record);
+    EXPECT_EQ(Bytes(out.begin(), out.end() - 1), record);
   }
   EXPECT_EQ(out.back(), 0xee);  // nothing written past the record
 }
@@ -91,26 +79,27 @@ TEST(MacThenPadConstantTime, MatchesReferenceOnRandomRecords) {
   for (const RecordSetup& s : kSetups) {
     SCOPED_TRACE(s.hashId);
     for (int n = 0; n < 150; ++n) {
-      const Bytes prefix = rng.bytes(rng.below(3) * 13);
       Bytes record = rng.bytes(s.blockLen * (1 + rng.below(40)));
       if (rng.below(2)) record.back() = static_cast<unsigned char>(rng.below(4) ? rng.below(20) : 255);
-      check(s, prefix, record);
+      check(s, rng.bytes(rng.below(3) * 13), record);
     }
-    // Well-formed records with every padding length that fits, then with one fault each.
+    // Well-formed records (plaintext || MAC || padding) with every padding length that fits,
+    // then with one fault each.
     const unsigned h = static_cast<unsigned>(test::opensslHmac(s.hashId, kMacKey, {}).size());
     for (unsigned pad = 1; pad <= 256; ++pad) {
       const Bytes prefix = rng.bytes(13);
-      std::size_t plainLen = rng.below(300);
-      while ((plainLen + h + pad) % s.blockLen) ++plainLen;
-      Bytes record = wellFormed(prefix, rng.bytes(plainLen), s.hashId, pad);
+      Bytes record = rng.bytes(rng.below(300));
+      while ((record.size() + h + pad) % s.blockLen) record.push_back(0x5a);
+      const Bytes mac = macOf(s.hashId, prefix, record, record.size());
+      record.insert(record.end(), mac.begin(), mac.end());
+      record.insert(record.end(), pad, static_cast<unsigned char>(pad - 1));
       check(s, prefix, record);
       accepted += referenceVerdict(prefix, record, s.hashId, s.blockLen) != decryptFailed;
       Bytes bad = record;
       bad[rng.below(bad.size())] ^= static_cast<unsigned char>(1 + rng.below(255));
       check(s, prefix, bad);
-      bad = record;
-      bad.back() = static_cast<unsigned char>(bad.back() + 1 + rng.below(3));
-      check(s, prefix, bad);
+      record.back() = static_cast<unsigned char>(record.back() + 1 + rng.below(3));
+      check(s, prefix, record);
     }
     // Padding that claims exactly the whole record after the MAC, and one byte more.
     for (unsigned body : {0u, 1u, 7u}) {
@@ -125,7 +114,8 @@ TEST(MacThenPadConstantTime, MatchesReferenceOnRandomRecords) {
 }
 
 // The secret-length digest of every length in a window equals the ordinary digest, after
-// prefixes that leave the block buffer at different fill levels.
+// prefixes that leave the block buffer at different fill levels; the object starts a fresh
+// message afterwards.
 TEST(MacThenPadConstantTime, SecretLengthDigestMatchesOrdinaryDigest) {
   TestRng rng(0x5ec);
   for (unsigned id : {hashMd5, hashSha1, hashSha256, hashSha384, hashSha512}) {
@@ -134,15 +124,11 @@ TEST(MacThenPadConstantTime, SecretLengthDigestMatchesOrdinaryDigest) {
       for (unsigned len = 0; len <= 300; len += 1 + rng.below(3)) {
         const unsigned minLen = len < 40 ? 0 : len - static_cast<unsigned>(rng.below(40));
         auto a = test::makeSoftwareHash(id), b = test::makeSoftwareHash(id);
-        Bytes want(a->digestLength()), got(want.size());
-        a->update(prefix).update(data.data(), len);
-        a->digest(want.data());
+        Bytes got(a->digestLength());
         b->update(prefix);
         ASSERT_TRUE(b->digestSecretLength(data.data(), minLen, 300, len, got.data()));
-        ASSERT_EQ(got, want) << id << " " << prefixLen << " " << len;
-        b->update(data.data(), 5);  // the object starts a fresh message afterwards
-        a->update(data.data(), 5);
-        EXPECT_EQ(b->digest(), a->digest());
+        ASSERT_EQ(got, a->update(prefix).update(data.data(), len).digest()) << id << " " << prefixLen << " " << len;
+        EXPECT_EQ(b->update(data.data(), 5).digest(), a->update(data.data(), 5).digest());
       }
     }
   }
@@ -155,27 +141,23 @@ TEST(MacThenPadConstantTime, SecretLengthDigestMatchesOrdinaryDigest) {
 TEST(MacThenPadConstantTime, TimingIndependentOfPadding) {
   if (!std::getenv("TESSEL_TIMING")) GTEST_SKIP() << "timing test: set TESSEL_TIMING=1 to run it";
   constexpr unsigned kLen = 512, kRuns = 20001;
-  const unsigned char endings[] = {0x00, 0x7f, 0xff};
   CBCCipher inner(std::make_unique<AES128>(kCipherKey.data()));
-  std::vector<Bytes> sealed;
-  for (unsigned char end : endings) {
-    Bytes record(kLen, end), out(kLen);
-    inner.setIV(kIv.data(), 16);
-    inner.encrypt(record.data(), kLen, nullptr, 0, out.data());
-    sealed.push_back(out);
-  }
   CBC_MAC_MP_Cipher rec(createCipher(4, Bytes(kCipherKey.begin(), kCipherKey.begin() + 16), 0),
                         createHMAC(hashSha1, kMacKey));
-  rec.setIV(kIv.data(), 16);
+  std::vector<Bytes> sealed;
   std::vector<std::vector<double>> times(3);
+  for (unsigned char end : {0x00, 0x7f, 0xff}) {
+    inner.setIV(kIv.data(), 16);
+    sealed.push_back(test::sealWith(inner, Bytes(kLen, end)));
+  }
+  rec.setIV(kIv.data(), 16);
   Bytes out(kLen);
   for (unsigned run = 0; run < kRuns; ++run)
     for (unsigned k = 0; k < 3; ++k) {
       const auto start = std::chrono::steady_clock::now();
       const unsigned verdict = rec.decrypt(sealed[k].data(), kLen, nullptr, 0, out.data());
-      const auto stop = std::chrono::steady_clock::now();
+      times[k].push_back(std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count());
       ASSERT_EQ(verdict, decryptFailed);
-      times[k].push_back(std::chrono::duration<double, std::nano>(stop - start).count());
     }
   std::vector<double> medians;
   for (auto& t : times) {
