@@ -17,7 +17,7 @@ export CCACHE_BASEDIR=${CCACHE_BASEDIR:-/work} CCACHE_DIR=${CCACHE_DIR:-/work/.c
 mutants=(
   "der-indefinite#src/asn1/asn1.cpp#if (n == 0 || n > 4 || rest.size() < n)#if (n > 4 || rest.size() < n)"
   "pem-maxpad#src/x509/pem.cpp#pad == 0 || pad > scheme->maxPad || pad > out->size()#pad == 0 || pad > out->size()"
-  "gcm-tag-short#src/cipher/gcm.cpp#ct::equal(tag, in + payload, tagLength_)#ct::equal(tag, in + payload, tagLength_ - 1)"
+  "gcm-tag-short#src/cipher/gcm.cpp#ct::differenceMask(tag, in + payload, tagLength_)#ct::differenceMask(tag, in + payload, tagLength_ - 1)"
   "host-wildcard-suffix#src/trust/x509_path.cpp#host.substr(dot + 1) == pattern.substr(2)#host.ends_with(pattern.substr(1))"
   "pathlen-top-skipped#src/trust/x509_path.cpp#for (size_t j = 1; j < k; ++j)#for (size_t j = 1; j + 1 < k; ++j)"
   "crl-revoked-ignored#src/trust/x509_path.cpp#if (entry.serial == cert.serial) return true;#if (entry.serial == cert.serial) break;"
