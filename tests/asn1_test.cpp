@@ -40,7 +40,8 @@ TEST(DerParser, ElementsAndMalformations) {
 }
 
 TEST(DerParser, StepsAndTakers) {
-  for (const auto& script : test::dataFile("pki_asn1.json")["scripts"]) {
+  const nlohmann::json rows = test::dataFile("pki_asn1.json")["scripts"];  // a copy: the file's object is a temporary
+  for (const auto& script : rows) {
     const Bytes der = fromHex(script["der"].get<std::string>());
     parser p{blob(der)};
     for (const auto& op : script["ops"]) {

@@ -19,7 +19,8 @@ std::string path(const std::string& fixture) { return test::fixturePath(fixture)
 const std::string kPassword = "tessel-fixture";
 
 TEST(Pem, NextLine) {
-  for (const auto& c : test::dataFile("pki_pem.json")["nextLine"]) {
+  const nlohmann::json rows = test::dataFile("pki_pem.json")["nextLine"];  // a copy: the file's object is a temporary
+  for (const auto& c : rows) {
     std::string_view in = c[0].get_ref<const std::string&>(), line;
     std::vector<std::string> got;
     while (nextLine(in, &line)) got.emplace_back(line);
@@ -139,7 +140,8 @@ std::vector<Bytes> readAs(const std::string& kind, const std::string& in, const 
 }
 
 TEST(Pem, ReadersOverTheFixtures) {
-  for (const auto& c : test::dataFile("pki_pem.json")["readers"]) {
+  const nlohmann::json rows = test::dataFile("pki_pem.json")["readers"];  // a copy: the file's object is a temporary
+  for (const auto& c : rows) {
     SCOPED_TRACE(c.dump());
     std::string in;
     for (const auto& f : c.value("from", nlohmann::json::array())) in += text(f);

@@ -45,7 +45,9 @@ TEST(Tool, DigestDumpAndVerify) {
   const std::string src = TESSEL_SOURCE_DIR;
   const std::vector<std::pair<std::string, std::string>> values = {
       {"$tool", tool}, {"$src", src}, {"$data", src + "/tests/data"}, {"$root", root}, {"$cerm", cerm.path("")}};
-  for (const auto& r : tessel::test::dataFile("pki_tool.json")["runs"]) {
+  const nlohmann::json rows =
+      tessel::test::dataFile("pki_tool.json")["runs"];  // a copy: the file's object is a temporary
+  for (const auto& r : rows) {
     if (r.value("needsRoot", false) && !haveRoot) continue;
     const std::string command = expand(r["run"], values);
     SCOPED_TRACE(command);
