@@ -20,8 +20,10 @@ Bytes seq(const std::string& hex) {
   return e.data;
 }
 
-const std::string kSha256Oid = "0609608648016503040201";
-const std::string kSha256RsaOid = "06092a864886f70d01010b";
+const nlohmann::json& cases() {
+  static const nlohmann::json all = test::dataFile("algorithm_id_cases.json");
+  return all;
+}
 
 #if TESSEL_HAVE_OPENSSL
 Bytes opensslOid(const char* dotted) {
@@ -33,7 +35,7 @@ Bytes opensslOid(const char* dotted) {
 
 // Every OID constant of ours against OpenSSL's encoding of its dotted form.
 TEST(AlgorithmId, OidConstantsMatchTheirDottedForms) {
-  const nlohmann::json file = test::dataFile("algorithm_id_cases.json");
+  const nlohmann::json& file = cases();
   for (const auto& r : file.at("digests")) {
     const Bytes oid = opensslOid(r[1].get<std::string>().c_str());
     EXPECT_EQ(toHex(getHashOid(r[0]).vec()), toHex(oid)) << r;
@@ -67,61 +69,33 @@ TEST(AlgorithmId, HashLookupsAndRefusals) {
 }
 
 TEST(AlgorithmId, DigestIdentifiersNeedTheirNull) {
-  const std::pair<std::string, HashID> rows[] = {
-      {toHex(seq(kSha256Oid + "0500")), hashSha256}, {toHex(seq(kSha256Oid)), hashNone},
-      {toHex(seq(kSha256Oid + "020100")), hashNone}, {toHex(seq("0500" + kSha256Oid)), hashNone},
-      {"0609608648016503040201", hashNone},          {"300d0609608648016503040201", hashNone}};
-  for (const auto& [hex, id] : rows) EXPECT_EQ(getHashFromDER(asn1::blob(fromHex(hex))), id) << hex;
+  for (const auto& r : cases()["digestInfo"])
+    EXPECT_EQ(getHashFromDER(asn1::blob(fromHex(r[0].get<std::string>()))), r[1].get<unsigned>()) << r;
   DerEncoder e;
   saveDigest(e, hashSha256, asn1::blob(Bytes(32, 0xab)));
   // The DigestInfo prefix every PKCS#1 v1.5 SHA-256 signature carries (RFC 8017 section 9.2).
-  std::string digestHex;
-  for (int i = 0; i < 32; ++i) digestHex += "ab";
-  EXPECT_EQ(toHex(e.data), "3031300d060960864801650304020105000420" + digestHex);
+  EXPECT_EQ(toHex(e.data), "3031300d060960864801650304020105000420" + toHex(Bytes(32, 0xab)));
 }
 
 TEST(AlgorithmId, SignatureIdentifierShapes) {
-  struct Row {
-    std::string hex;
-    bool ok;
-  };
-  const Row rows[] = {{toHex(seq(kSha256RsaOid + "0500")), true}, {toHex(seq(kSha256RsaOid)), true},
-                      {toHex(seq(kSha256RsaOid + "020100")), false}, {toHex(seq(kSha256RsaOid + "05000500")), false},
-                      {toHex(seq("06082a8648ce3d040301")), false} /* ECDSA with SHA-224 */,
-                      {kSha256RsaOid, false}};
-  for (const Row& r : rows) {
+  for (const auto& r : cases()["signatureShapes"]) {
     KeyType k = keyX25519;
     HashID h = hashMd4;
-    EXPECT_EQ(parseAlgosFromKeyInfo(asn1::blob(fromHex(r.hex)), &k, &h), r.ok) << r.hex;
-    if (r.ok) {
-      EXPECT_EQ(k, keyRsa);
-      EXPECT_EQ(h, hashSha256);
-    } else {
-      EXPECT_EQ(k, keyX25519) << "outputs must stay untouched";
-      EXPECT_EQ(h, hashMd4);
-    }
+    const bool ok = r[1];
+    EXPECT_EQ(parseAlgosFromKeyInfo(asn1::blob(fromHex(r[0].get<std::string>())), &k, &h), ok) << r;
+    EXPECT_EQ(k, ok ? keyRsa : keyX25519) << "outputs stay untouched on failure";
+    EXPECT_EQ(h, ok ? hashSha256 : hashMd4);
   }
 }
 
 TEST(AlgorithmId, RawIdentifierParseAndSave) {
-  struct Row {
-    std::string content;
-    bool ok;
-    std::string params;
-  };
-  const Row rows[] = {{kSha256Oid, true, ""},
-                      {kSha256Oid + "0500", true, "0500"},
-                      {kSha256Oid + "3003020101", true, "3003020101"},
-                      {kSha256Oid + "05000500", false, ""},
-                      {"0500", false, ""},
-                      {kSha256Oid + "05", false, ""}};
-  for (const Row& r : rows) {
+  for (const auto& r : cases()["raw"]) {
     AlgorithmIdentifier id;
-    ASSERT_EQ(parse(id, asn1::blob(fromHex(r.content))), r.ok) << r.content;
-    if (!r.ok) continue;
-    EXPECT_EQ(toHex(id.oid), kSha256Oid.substr(4));
-    EXPECT_EQ(toHex(id.params), r.params);
-    EXPECT_EQ(toHex(encode(id)), toHex(seq(r.content)));  // written back as found
+    ASSERT_EQ(parse(id, asn1::blob(fromHex(r[0].get<std::string>()))), r[1].get<bool>()) << r;
+    if (!r[1].get<bool>()) continue;
+    EXPECT_EQ(toHex(id.oid), "608648016503040201");
+    EXPECT_EQ(toHex(id.params), r[2]);
+    EXPECT_EQ(toHex(encode(id)), toHex(seq(r[0])));  // written back as found
   }
 }
 
@@ -131,8 +105,8 @@ TEST(AlgorithmId, OneShotDigestAndCurveLengths) {
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_TRUE(calcDigest(hashNone, {}).empty());
   EXPECT_TRUE(calcDigest(9, {}).empty());
-  const std::pair<unsigned, unsigned> rows[] = {{0, 0}, {1, 24}, {2, 28}, {3, 32}, {4, 48}, {5, 66}, {6, 0}};
-  for (auto [curve, len] : rows) EXPECT_EQ(getModLen(static_cast<Curve>(curve)), len) << curve;
+  for (const auto& r : cases()["curveLengths"])
+    EXPECT_EQ(getModLen(static_cast<Curve>(r[0].get<unsigned>())), r[1].get<unsigned>()) << r;
 }
 
 }  // namespace

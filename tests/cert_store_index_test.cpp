@@ -54,20 +54,19 @@ std::shared_ptr<X509Crl> walkCrl(const CertificateMemoryStore& s, const X509Cert
   return best;
 }
 
-struct Fixtures {
-  std::unique_ptr<X509Certificate> cert = tessel::readCertFromStr(tessel::test::fixtureText("certs/ca.pem"));
-  std::unique_ptr<X509Crl> crl = tessel::readCrl(tessel::test::fixtureText("certs/crl.pem"));
-};
-
-void append(CertificateMemoryStore& s, const Fixtures& f, TestRng& rng, int certs, int crls) {
+// append adds copies of the fixture certificate and CRL under names, key identifiers and
+// times drawn from the pools.
+void append(CertificateMemoryStore& s, TestRng& rng, int certs, int crls) {
+  static const auto cert = tessel::readCertFromStr(tessel::test::fixtureText("certs/ca.pem"));
+  static const auto crl = tessel::readCrl(tessel::test::fixtureText("certs/crl.pem"));
+  ASSERT_TRUE(cert && crl);
   for (int i = 0; i < certs; ++i) {
-    auto c = std::make_shared<X509Certificate>(*f.cert);
-    c->subject = nameFrom(rng);
-    c->subjectKeyId = kKeyIds[rng.below(kKeyIds.size())];
-    s.certificates.push_back(std::move(c));
+    s.certificates.push_back(std::make_shared<X509Certificate>(*cert));
+    s.certificates.back()->subject = nameFrom(rng);
+    s.certificates.back()->subjectKeyId = kKeyIds[rng.below(kKeyIds.size())];
   }
   for (int i = 0; i < crls; ++i) {
-    auto l = std::make_shared<X509Crl>(*f.crl);
+    auto l = std::make_shared<X509Crl>(*crl);
     l->issuer = nameFrom(rng);
     l->authorityKeyId = kKeyIds[rng.below(kKeyIds.size())];
     l->thisUpdate = tessel::TimePoint::fromSeconds(1700000000 + 86400 * static_cast<std::int64_t>(rng.below(4)));
@@ -99,20 +98,18 @@ void expectLikeWalk(const CertificateMemoryStore& s, const char* when, bool fill
 }
 
 TEST(CertStoreIndex, LookupsAgreeWithAWalk) {
-  Fixtures f;
-  ASSERT_TRUE(f.cert && f.crl);
   TestRng rng(1);
   CertificateMemoryStore s;
   expectLikeWalk(s, "empty", false);
-  append(s, f, rng, 2000, 500);
+  append(s, rng, 2000, 500);
   expectLikeWalk(s, "filled");
-  append(s, f, rng, 500, 100);  // appended after the index was built
+  append(s, rng, 500, 100);  // appended after the index was built
   expectLikeWalk(s, "appended");
   CertificateMemoryStore copy = s;
   expectLikeWalk(copy, "copied");
   // Lists replaced wholesale are indexed afresh.
   CertificateMemoryStore other;
-  append(other, f, rng, 400, 80);
+  append(other, rng, 400, 80);
   s.certificates = other.certificates;
   s.crls = other.crls;
   expectLikeWalk(s, "replaced");

@@ -19,74 +19,50 @@ using test::Bytes;
 using test::fixtureText;
 const char* const kMozillaRoots = "/usr/share/ca-certificates/mozilla";
 
-class StoreDir : public testing::Test {
- protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/tessel-store.XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  void put(const std::string& name, const std::string& text) { std::ofstream(dir_ + "/" + name) << text; }
-  std::string dir_;
-};
-
-TEST(CertStore, LoadFromStrAppendsTheWholeChainOrFails) {
+TEST(CertStore, LoadFromStrAppendsTheWholeChainOrFailsAndFindsIssuers) {
   CertificateMemoryStore store;
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(store.loadFromStr("no certificate here"));
-  EXPECT_FALSE(store.loadFromStr(fixtureText("certs/crl.pem")));
-  testing::internal::GetCapturedStdout();
-  EXPECT_TRUE(store.certificates.empty());
-
   const std::string chain = fixtureText("certs/chain.pem");
-  testing::internal::CaptureStdout();
-  ASSERT_TRUE(store.loadFromStr(chain));
-  ASSERT_TRUE(store.loadFromStr(chain));  // duplicates are kept
-  testing::internal::GetCapturedStdout();
-  const auto expected = readCertChain(chain);
-  ASSERT_EQ(store.certificates.size(), 2 * expected.size());
+  test::said([&] {
+    EXPECT_FALSE(store.loadFromStr("no certificate here"));
+    EXPECT_FALSE(store.loadFromStr(fixtureText("certs/crl.pem")));
+    EXPECT_TRUE(store.certificates.empty());
+    ASSERT_TRUE(store.loadFromStr(chain));
+    ASSERT_TRUE(store.loadFromStr(chain));  // duplicates are kept
+  });
+  const auto certs = readCertChain(chain);
+  ASSERT_EQ(store.certificates.size(), 2 * certs.size());
   for (size_t i = 0; i < store.certificates.size(); ++i)
-    EXPECT_EQ(store.certificates[i]->serialize(), expected[i % expected.size()]->serialize());
-}
+    EXPECT_EQ(store.certificates[i]->serialize(), certs[i % certs.size()]->serialize());
 
-TEST_F(StoreDir, LoadFromDirTakesCertificatesFirstAndCrlsOnlyWhenAsked) {
-  put("leaf.pem", fixtureText("certs/leaf.pem"));
-  put("list.crl", fixtureText("certs/crl.pem"));
-  put("junk.txt", "neither");
-  fs::create_directory(dir_ + "/sub");
-
-  CertificateMemoryStore without, with;
-  ASSERT_TRUE(without.loadFromDir(dir_, false));
-  EXPECT_EQ(without.certificates.size(), 1u);
-  EXPECT_TRUE(without.crls.empty());
-  ASSERT_TRUE(with.loadFromDir(dir_, true));
-  EXPECT_EQ(with.certificates.size(), 1u);
-  EXPECT_EQ(with.crls.size(), 1u);
-
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(with.loadFromDir(dir_ + "/missing", true));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[ERR] opendir: No such file or directory\n");
-  EXPECT_EQ(with.certificates.size(), 1u);
-}
-
-TEST(CertStore, FindIssuerMatchesNameAndKeyIdentifier) {
-  CertificateMemoryStore store;
-  testing::internal::CaptureStdout();
-  ASSERT_TRUE(store.loadFromStr(fixtureText("certs/chain.pem")));
-  testing::internal::GetCapturedStdout();
   const auto& leaf = *store.certificates.front();
   const auto issuer = store.findIssuer(leaf.issuer, asn1::blob(leaf.authorityKeyId));
   ASSERT_TRUE(issuer);
   EXPECT_TRUE(issuer->subject == leaf.issuer);
   EXPECT_EQ(issuer->subjectKeyId, leaf.authorityKeyId);
-
-  const Bytes otherKeyId(leaf.authorityKeyId.size(), 0x5A);
-  EXPECT_FALSE(store.findIssuer(leaf.issuer, asn1::blob(otherKeyId)));
+  EXPECT_FALSE(store.findIssuer(leaf.issuer, asn1::blob(Bytes(leaf.authorityKeyId.size(), 0x5A))));
   EXPECT_EQ(store.findIssuer(leaf.issuer, asn1::blob()), issuer);  // no identifier: name alone
   DistinguishedName stranger;
   stranger.CN = "nobody";
   EXPECT_FALSE(store.findIssuer(stranger, asn1::blob()));
+}
+
+TEST(CertStore, LoadFromDirTakesCertificatesFirstAndCrlsOnlyWhenAsked) {
+  test::TempRoot dir;  // only for its folder: loadFromDir takes a real path
+  const std::string root = dir.path("/store");
+  dir.write("/store/leaf.pem", test::readFixture("certs/leaf.pem"));
+  dir.write("/store/list.crl", test::readFixture("certs/crl.pem"));
+  dir.write("/store/junk.txt", test::bytesOf("neither"));
+  fs::create_directory(root + "/sub");
+  CertificateMemoryStore without, with;
+  ASSERT_TRUE(without.loadFromDir(root, false));
+  EXPECT_EQ(without.certificates.size(), 1u);
+  EXPECT_TRUE(without.crls.empty());
+  ASSERT_TRUE(with.loadFromDir(root, true));
+  EXPECT_EQ(with.certificates.size(), 1u);
+  EXPECT_EQ(with.crls.size(), 1u);
+  EXPECT_EQ(test::said([&] { EXPECT_FALSE(with.loadFromDir(root + "/missing", true)); }),
+            "[ERR] opendir: No such file or directory\n");
+  EXPECT_EQ(with.certificates.size(), 1u);
 }
 
 TEST(CertStore, FindCrlPrefersTheNewestListOfTheIssuer) {
@@ -110,9 +86,7 @@ TEST(CertStore, DebianCaSetLoadsAndEveryRootSelfVerifies) {
   size_t files = 0;
   for (const auto& entry : fs::directory_iterator(kMozillaRoots)) files += entry.is_regular_file();
   CertificateMemoryStore store;
-  testing::internal::CaptureStdout();  // the roots' unknown extensions are reported
-  ASSERT_TRUE(store.loadFromDir(kMozillaRoots, true));
-  testing::internal::GetCapturedStdout();
+  test::said([&] { ASSERT_TRUE(store.loadFromDir(kMozillaRoots, true)); });  // unknown extensions are named
   EXPECT_EQ(store.certificates.size(), files);
   EXPECT_TRUE(store.crls.empty());
   for (const auto& root : store.certificates) {
@@ -127,14 +101,13 @@ TEST(CertStore, DebianCaSetLoadsAndEveryRootSelfVerifies) {
 TEST(CertStore, RealSiteChainValidatesAgainstDebianRoots) {
   if (!fs::is_directory(kMozillaRoots)) GTEST_SKIP() << "ca-certificates is not installed";
   CertificateMemoryStore store;
-  testing::internal::CaptureStdout();
-  ASSERT_TRUE(store.loadFromDir(kMozillaRoots, false));
-  testing::internal::GetCapturedStdout();
-  testing::internal::CaptureStdout();
-  auto chain = readCertChain(fixtureText("../../examples/site-chain.pem"));
-  ASSERT_EQ(chain.size(), 2u);
-  ASSERT_TRUE(x509BuildPath(store, chain, nullptr));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
+  test::said([&] { ASSERT_TRUE(store.loadFromDir(kMozillaRoots, false)); });
+  std::vector<std::shared_ptr<X509Certificate>> chain;
+  EXPECT_EQ(test::said([&] {
+              chain = readCertChain(fixtureText("../../examples/site-chain.pem"));
+              EXPECT_TRUE(x509BuildPath(store, chain, nullptr));
+            }),
+            "LABEL: CERTIFICATE\nLABEL: CERTIFICATE\n");
   ASSERT_EQ(chain.size(), 3u);
   EXPECT_EQ(chain[2]->subject.CN, "ISRG Root X1");
 

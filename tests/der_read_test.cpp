@@ -30,38 +30,19 @@ std::string state(const asn1::parser& p) {
   return tag;
 }
 
-struct ReadCase {
-  const char* der;
-  std::uint32_t tag;
-  bool ok;
-  const char* content;  // handed out on success
-  const char* after;    // state() afterwards
-};
-
-const ReadCase kReads[] = {
-    {"020105", asn1::tagInteger, true, "05", "end"},
-    {"0201050400", asn1::tagInteger, true, "05", "4"},
-    {"020105", asn1::tagSequence, false, "", "2"},              // another tag: nothing moves
-    {"020105ff", asn1::tagInteger, false, "", "error"},         // what follows is malformed
-    {"30800201050000", asn1::tagSequence, false, "", "error"},  // indefinite length
-    {"04820001aa", asn1::tagOctetString, true, "aa", "end"},    // long form where short would do
-    {"048101aa", asn1::tagOctetString, true, "aa", "end"},
-    {"0405aabb", asn1::tagOctetString, false, "", "error"},          // longer than the input
-    {"04850000000001aa", asn1::tagOctetString, false, "", "error"},  // five length bytes
-    {"a1030201070500", asn1::explicitTag(1), true, "020107", "5"},
-    {"8102abcd", asn1::implicitTag(1), true, "abcd", "end"},
-    {"", asn1::tagSequence, false, "", "end"},
-};
+const nlohmann::json& cases(const char* table) {
+  static const nlohmann::json all = test::dataFile("pki_der_read.json");
+  return all.at(table);
+}
 
 TEST(DerRead, ChecksTheTagAndStepsOnlyOnSuccess) {
-  for (const ReadCase& c : kReads) {
-    SCOPED_TRACE(c.der);
-    const Bytes der = fromHex(c.der);
+  for (const auto& c : cases("reads")) {
+    const Bytes der = fromHex(c[0].get<std::string>());
     asn1::parser p{blob(der)};
     blob content;
-    EXPECT_EQ(p.read(c.tag, &content), c.ok);
-    EXPECT_EQ(test::toHex(content.vec()), c.content);
-    EXPECT_EQ(state(p), c.after);
+    EXPECT_EQ(p.read(std::stoul(c[1].get<std::string>(), nullptr, 16), &content), c[2].get<bool>()) << c;
+    EXPECT_EQ(test::toHex(content.vec()), c[3]) << c;
+    EXPECT_EQ(state(p), c[4]) << c;
   }
 }
 
@@ -83,42 +64,22 @@ TEST(DerRead, ChildParserAndWholeElement) {
   EXPECT_EQ(state(p), "5");
 }
 
-struct OptionalCase {
-  const char* der;
-  Presence found;
-  const char* content;
-  const char* after;
-};
-
-const OptionalCase kOptionals[] = {
-    {"a0030201020400", Presence::present, "020102", "4"},
-    {"0400", Presence::absent, "", "4"},
-    {"", Presence::absent, "", "end"},
-    {"a003020102ff", Presence::malformed, "", "error"},
-    {"ff", Presence::malformed, "", "error"},
-};
-
 TEST(DerRead, OptionalElementPresentAbsentOrMalformed) {
-  for (const OptionalCase& c : kOptionals) {
-    SCOPED_TRACE(c.der);
-    const Bytes der = fromHex(c.der);
+  for (const auto& c : cases("optionals")) {
+    const Bytes der = fromHex(c[0].get<std::string>());
     asn1::parser p{blob(der)};
     blob content;
-    EXPECT_EQ(p.readOptional(asn1::explicitTag(0), &content), c.found);
-    EXPECT_EQ(test::toHex(content.vec()), c.content);
-    EXPECT_EQ(state(p), c.after);
+    const Presence found = p.readOptional(asn1::explicitTag(0), &content);
+    EXPECT_EQ(found == Presence::present ? "present" : found == Presence::absent ? "absent" : "malformed", c[1]) << c;
+    EXPECT_EQ(test::toHex(content.vec()), c[2]) << c;
+    EXPECT_EQ(state(p), c[3]) << c;
   }
 }
 
 TEST(DerRead, ReadOnlyWantsExactlyOneElement) {
-  const struct {
-    const char* der;
-    bool ok;
-  } cases[] = {{"3000", true},    {"3003020101", true}, {"30000500", false},
-               {"3000ff", false}, {"0500", false},      {"", false}};
-  for (const auto& c : cases) {
+  for (const auto& c : cases("readOnly")) {
     asn1::parser child;
-    EXPECT_EQ(asn1::readOnly(blob(fromHex(c.der)), asn1::tagSequence, &child), c.ok) << c.der;
+    EXPECT_EQ(asn1::readOnly(blob(fromHex(c[0].get<std::string>())), asn1::tagSequence, &child), c[1].get<bool>()) << c;
   }
 }
 
@@ -144,8 +105,7 @@ TEST(DerRead, NamedTagsMatchOpenSsl) {
       {asn1::tagSet, V_ASN1_CONSTRUCTED | V_ASN1_SET},
       {asn1::explicitTag(3), V_ASN1_CONTEXT_SPECIFIC | V_ASN1_CONSTRUCTED | 3},
       {asn1::implicitTag(2), V_ASN1_CONTEXT_SPECIFIC | 2},
-      {asn1::implicitConstructedTag(1), V_ASN1_CONTEXT_SPECIFIC | V_ASN1_CONSTRUCTED | 1},
-  };
+      {asn1::implicitConstructedTag(1), V_ASN1_CONTEXT_SPECIFIC | V_ASN1_CONSTRUCTED | 1}};
   for (auto [ours, theirs] : tags) EXPECT_EQ(ours, static_cast<std::uint32_t>(theirs));
 }
 

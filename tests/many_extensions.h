@@ -3,6 +3,8 @@
 // well formed but unsigned: parsing looks at structure, not at the signature.
 #pragma once
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "tessel/asn1.h"
@@ -36,60 +38,33 @@ inline void addManyExtensions(DerEncoder& e, unsigned count, bool repeatFirst) {
 
 // signedWithManyExtensions returns the DER of a `kind` object carrying `count` extensions.
 inline std::vector<unsigned char> signedWithManyExtensions(SignedKind kind, unsigned count, bool repeatFirst) {
-  const asn1::Oid& kSha256Rsa = asn1::oid::sha256WithRsaEncryption;
-  const asn1::Oid& kRsa = asn1::oid::rsaEncryption;
-  auto algorithm = [](DerEncoder& d, const asn1::Oid& oid) {
-    d.sequence([&](DerEncoder& a) { a.addOid(oid.content()); });
-  };
-  auto emptyName = [](DerEncoder& d) { d.sequence([](DerEncoder&) {}); };
-  auto time = [](DerEncoder& d, const char* text) {
-    d.addPrimitive(asn1::tagUtcTime, asn1::blob(std::string_view(text)));
-  };
-  auto publicKeyInfo = [&](DerEncoder& d) {
-    d.sequence([&](DerEncoder& k) {
-      algorithm(k, kRsa);
-      k.addBitString({});
-    });
-  };
+  // What comes before the extensions. Certificate: version 3, serial 1, sha256WithRSAEncryption,
+  // empty issuer, valid 2020 to 2030, empty subject, an RSA key with an empty BIT STRING. Request:
+  // version 0, empty name, the same key. CRL: version 2, the algorithm, empty issuer, this and next update.
+  static const char* const kHeads[] = {
+      "a003020102020101300b06092a864886f70d01010b3000301e170d3230303130313030303030305a170d33303031303130303030"
+      "30305a30003010300b06092a864886f70d010101030100",
+      "02010030003010300b06092a864886f70d010101030100",
+      "020101300b06092a864886f70d01010b3000170d3230303130313030303030305a170d3330303130313030303030305a"};
+  const std::string_view head = kHeads[static_cast<int>(kind)];
   DerEncoder e;
   e.sequence([&](DerEncoder& whole) {
     whole.sequence([&](DerEncoder& tbs) {
-      switch (kind) {
-        case SignedKind::certificate:
-          tbs.element(asn1::explicitTag(0), [](DerEncoder& v) { v.addInt(asn1::tagInteger, 2u); });
-          tbs.addInt(asn1::tagInteger, 1u);
-          algorithm(tbs, kSha256Rsa);
-          emptyName(tbs);
-          tbs.sequence([&](DerEncoder& validity) {
-            time(validity, "200101000000Z");
-            time(validity, "300101000000Z");
+      for (std::size_t i = 0; i < head.size(); i += 2)
+        tbs.data.push_back(static_cast<unsigned char>(std::stoul(std::string(head.substr(i, 2)), nullptr, 16)));
+      if (kind == SignedKind::request) {
+        tbs.element(asn1::implicitConstructedTag(0), [&](DerEncoder& attrs) {
+          attrs.sequence([&](DerEncoder& attr) {
+            attr.addOid(asn1::oid::extensionRequest.content());
+            attr.element(asn1::tagSet, [&](DerEncoder& set) { addManyExtensions(set, count, repeatFirst); });
           });
-          emptyName(tbs);
-          publicKeyInfo(tbs);
-          tbs.element(asn1::explicitTag(3), [&](DerEncoder& x) { addManyExtensions(x, count, repeatFirst); });
-          break;
-        case SignedKind::request:
-          tbs.addInt(asn1::tagInteger, 0u);
-          emptyName(tbs);
-          publicKeyInfo(tbs);
-          tbs.element(asn1::implicitConstructedTag(0), [&](DerEncoder& attrs) {
-            attrs.sequence([&](DerEncoder& attr) {
-              attr.addOid(asn1::oid::extensionRequest.content());
-              attr.element(asn1::tagSet, [&](DerEncoder& set) { addManyExtensions(set, count, repeatFirst); });
-            });
-          });
-          break;
-        case SignedKind::crl:
-          tbs.addInt(asn1::tagInteger, 1u);
-          algorithm(tbs, kSha256Rsa);
-          emptyName(tbs);
-          time(tbs, "200101000000Z");
-          time(tbs, "300101000000Z");
-          tbs.element(asn1::explicitTag(0), [&](DerEncoder& x) { addManyExtensions(x, count, repeatFirst); });
-          break;
+        });
+      } else {
+        tbs.element(asn1::explicitTag(kind == SignedKind::crl ? 0 : 3),
+                    [&](DerEncoder& x) { addManyExtensions(x, count, repeatFirst); });
       }
     });
-    algorithm(whole, kSha256Rsa);
+    whole.sequence([](DerEncoder& a) { a.addOid(asn1::oid::sha256WithRsaEncryption.content()); });
     whole.addBitString({});
   });
   return std::move(e.data);

@@ -1,9 +1,5 @@
 #include "tessel/pkcs8.h"
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-
 #include "ol/file.h"
 #include "support.h"
 #include "tessel/block.h"
@@ -45,25 +41,6 @@ TEST(Pkcs8, PlainContainersRoundTripEveryFixture) {
   }
 }
 
-TEST(Pkcs8, EncryptedFixturesFromOpenSsl) {
-  Bytes expected = fixture(2048, "pkcs1.der");
-  const char* files[] = {
-      "enc-aes-128-cbc-hmacWithSHA1.pem",   "enc-aes-128-cbc-hmacWithSHA256.pem", "enc-aes-192-cbc-hmacWithSHA1.pem",
-      "enc-aes-192-cbc-hmacWithSHA256.pem", "enc-aes-256-cbc-hmacWithSHA1.pem",   "enc-aes-256-cbc-hmacWithSHA256.pem",
-      "enc-des3-hmacWithSHA1.pem",          "enc-des3-hmacWithSHA256.pem",        "enc-v1-3des.pem"};
-  for (const char* f : files) {
-    SCOPED_TRACE(f);
-    Bytes der = test::pemBody(fixture(2048, f));
-    auto key = parsePkcs8EncryptedPrivateKey(asn1::blob(der), kPassword);
-    ASSERT_TRUE(key);
-    EXPECT_EQ(key->encodeToDerEncoded(), expected);
-    EXPECT_FALSE(parsePkcs8EncryptedPrivateKey(asn1::blob(der), "wrong password"));
-  }
-  auto key = parsePkcs8EncryptedPrivateKey(asn1::blob(fixture(2048, "enc-aes-256-cbc.der")), kPassword);
-  ASSERT_TRUE(key);
-  EXPECT_EQ(key->encodeToDerEncoded(), expected);
-}
-
 // Keys we encrypt are read back by us and by the openssl tool with the password.
 TEST(Pkcs8, OurEncryptionOpensWithOpenSsl) {
   auto [key, pub] = parseOneAssimetricKey(asn1::blob(fixture(2048, "pkcs8.der")));
@@ -76,118 +53,46 @@ TEST(Pkcs8, OurEncryptionOpensWithOpenSsl) {
   ASSERT_TRUE(back);
   EXPECT_EQ(back->encodeToDerEncoded(), key->encodeToDerEncoded());
   if (std::system("openssl version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no openssl tool";
-  auto dir = std::filesystem::temp_directory_path() / ("tessel-pkcs8-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
-  std::ofstream(dir / "enc.der", std::ios::binary)
-      .write(reinterpret_cast<const char*>(a.data()), static_cast<std::streamsize>(a.size()));
-  std::string cmd = "openssl pkey -inform DER -in " + (dir / "enc.der").string() +
-                    " -passin pass:pässword -outform DER -out " + (dir / "plain.der").string() + " 2>&1";
+  test::TempRoot dir;  // only for its folder
+  dir.write("/enc.der", a);
+  const std::string cmd = "openssl pkey -inform DER -in " + dir.path("/enc.der") +
+                          " -passin pass:pässword -outform DER -out " + dir.path("/plain.der") + " 2>&1";
   EXPECT_EQ(std::system(cmd.c_str()), 0);
-  std::string plain;
-  ol::readFile(plain, (dir / "plain.der").string());
-  EXPECT_EQ(toHex(Bytes(plain.begin(), plain.end())), toHex(fixture(2048, "pkcs1.der")));  // pkey writes PKCS#1
-  std::filesystem::remove_all(dir);
+  EXPECT_EQ(test::bytesOf(ol::readFile(dir.path("/plain.der"))), fixture(2048, "pkcs1.der"));  // pkey writes PKCS#1
 }
 
-// wrapKey builds PrivateKeyInfo/OneAsymmetricKey variants around a real key body.
-Bytes wrapKey(unsigned version, const std::string& algOidHex, const Bytes& body, const std::string& trailing) {
-  DerEncoder e;
-  e.sequence([&](DerEncoder& s) {
-    s.addInt(2, version);
-    s.sequence([&](DerEncoder& alg) {
-      alg.addOid(asn1::blob(fromHex(algOidHex)));
-      alg.addNull();
-    });
-    s.addOctetString(asn1::blob(body));
-    s.addBytes(asn1::blob(fromHex(trailing)));
-  });
-  return e.data;
+const nlohmann::json& cases(const char* table) {
+  static const nlohmann::json all = test::dataFile("pki_der.json");  // written by gen_pki_der.py
+  return all.at(table);
 }
 
 TEST(Pkcs8, OneAsymmetricKeyShapes) {
-  Bytes body = fixture(1024, "pkcs1.der");
   RsaPublicKey pubKey;
   ASSERT_TRUE(pubKey.parseFromDerEncoded(asn1::blob(test::pemBody(fixture(1024, "pkcs1pub.pem"))), {}));
-  DerEncoder pubElement;
-  pubElement.addPrimitive(0x81, asn1::blob(pubKey.encodeToDerEncoded()));
-  const std::string rsa = "2a864886f70d010101", unknown = "2a0304", attrs = "a0023000";
-  const std::string pub = toHex(pubElement.data);
-  struct Row {
-    unsigned version;
-    std::string oid, trailing;
-    bool ok, hasPublic;
-  };
-  const Row rows[] = {{0, rsa, "", true, false},      {1, rsa, "", true, false},
-                      {2, rsa, "", false, false},     {0, unknown, "", true, false} /* reads as RSA */,
-                      {0, rsa, attrs, true, false},   {1, rsa, attrs + pub, true, true},
-                      {1, rsa, pub, true, true},      {0, rsa, pub, false, false} /* [1] needs version 1 */,
-                      {0, rsa, "0500", false, false}, {1, rsa, "8100", false, false}};
-  for (const Row& r : rows) {
-    auto [priv, pubOut] = parseOneAssimetricKey(asn1::blob(wrapKey(r.version, r.oid, body, r.trailing)));
-    EXPECT_EQ(priv != nullptr, r.ok) << r.version << " " << r.oid << " " << r.trailing;
-    EXPECT_EQ(pubOut != nullptr, r.hasPublic) << r.trailing;
-    if (pubOut) {
-      EXPECT_TRUE(pubOut->equals(pubKey));
-    }
+  for (const auto& r : cases("keyShapes")) {
+    auto [priv, pubOut] = parseOneAssimetricKey(asn1::blob(fromHex(r[0].get<std::string>())));
+    EXPECT_EQ(priv != nullptr, r[1].get<bool>()) << r[0];
+    EXPECT_EQ(pubOut != nullptr, r[2].get<bool>()) << r[0];
+    EXPECT_TRUE(!pubOut || pubOut->equals(pubKey));
   }
-  // A SubjectPublicKeyInfo with an unknown algorithm OID reads as RSA too; trailing data does not.
-  DerEncoder spki;
-  spki.sequence([&](DerEncoder& s) {
-    s.sequence([&](DerEncoder& alg) { alg.addOid(asn1::blob(fromHex(unknown))); });
-    s.addBitString(asn1::blob(pubKey.encodeToDerEncoded()));
-  });
-  EXPECT_TRUE(parsePkcs8PublicKey(asn1::blob(spki.data)));
-  spki.data.push_back(0);
-  EXPECT_FALSE(parsePkcs8PublicKey(asn1::blob(spki.data)));
+  for (const auto& r : cases("spki"))
+    EXPECT_EQ(parsePkcs8PublicKey(asn1::blob(fromHex(r[0].get<std::string>()))) != nullptr, r[1].get<bool>()) << r[0];
 }
 
-// pbes2Alg builds the PBES2 AlgorithmIdentifier for hand-made parameter sets.
-AlgorithmIdentifier pbes2Alg(const std::string& prf, const std::string& cipherOid, const Bytes& iv,
-                             unsigned iterations = 10) {
-  DerEncoder e;
-  e.sequence([&](DerEncoder& p) {
-    p.sequence([&](DerEncoder& kdf) {
-      kdf.addOid(asn1::blob(fromHex("2a864886f70d01050c")));
-      kdf.sequence([&](DerEncoder& kp) {
-        kp.addOctetString(asn1::blob(fromHex("0102030405060708")));
-        kp.addInt(2, iterations);
-        if (!prf.empty()) kp.sequence([&](DerEncoder& a) { a.addOid(asn1::blob(fromHex(prf))); });
-      });
-    });
-    p.sequence([&](DerEncoder& enc) {
-      enc.addOid(asn1::blob(fromHex(cipherOid)));
-      enc.addOctetString(asn1::blob(iv));
-    });
-  });
-  return AlgorithmIdentifier{fromHex("2a864886f70d01050d"), e.data};
+// pbes2Alg is the PBES2 AlgorithmIdentifier with hex parameters.
+AlgorithmIdentifier pbes2Alg(const nlohmann::json& params) {
+  return AlgorithmIdentifier{fromHex("2a864886f70d01050d"), fromHex(params.get<std::string>())};
 }
 
 TEST(Pkcs8, Pbes2ParameterRules) {
-  const std::string des3 = "2a864886f70d0307", aes128 = "608648016503040102", sha256 = "2a864886f70d0209";
-  struct Row {
-    std::string prf, cipher;
-    std::size_t ivLen;
-    bool ok;
-    const char* printed;
-    unsigned iterations = 10;
-  };
-  const Row rows[] = {
-      {"", aes128, 16, true, ""},
-      {sha256, des3, 8, true, ""},
-      {sha256, des3, 16, false, ""},
-      {sha256, aes128, 8, false, ""},
-      {"2a864886f70d020a", aes128, 16, false, "unsupported PBES2 KDF: <1.2.840.113549.2.10>\n"},
-      {sha256, "608648016503040106", 16, false, "PBES2: unimplemented cipher: <2.16.840.1.101.3.4.1.6>\n"},
-      {sha256, aes128, 16, false, "PKCS8: unsupported iteration count: <0>\n", 0},
-      {sha256, aes128, 16, false, "PKCS8: unsupported iteration count: <16777217>\n", 16777217}};
   const Bytes secret = test::bytesOf("the key material");
-  for (const Row& r : rows) {
-    AlgorithmIdentifier alg = pbes2Alg(r.prf, r.cipher, Bytes(r.ivLen, 7), r.iterations);
+  for (const auto& r : cases("pbes2")) {
+    SCOPED_TRACE(r.dump());
+    const AlgorithmIdentifier alg = pbes2Alg(r[0]);
     Bytes sealed, opened;
     bool ok = false;
-    EXPECT_EQ(test::said([&] { ok = pbes2_crypt(alg, "pw", asn1::blob(secret), sealed, true); }), r.printed)
-        << r.cipher;
-    ASSERT_EQ(ok, r.ok) << r.prf << " " << r.cipher << " iv " << r.ivLen;
+    EXPECT_EQ(test::said([&] { ok = pbes2_crypt(alg, "pw", asn1::blob(secret), sealed, true); }), r[2]);
+    ASSERT_EQ(ok, r[1].get<bool>());
     if (!ok) continue;
     ASSERT_TRUE(pbes2_crypt(alg, "pw", asn1::blob(sealed), opened, false));
     EXPECT_EQ(opened, secret);
@@ -197,7 +102,7 @@ TEST(Pkcs8, Pbes2ParameterRules) {
 
 TEST(Pkcs8, PaddingRules) {
   // Raw CBC under the PBKDF2 key, so the last plaintext byte can be anything.
-  AlgorithmIdentifier alg = pbes2Alg("", "608648016503040102", Bytes(16, 7));
+  const AlgorithmIdentifier alg = pbes2Alg(cases("pbes2")[0][0]);  // AES-128-CBC, HMAC-SHA1
   SHA1 sha;
   Bytes key = pbkdf2(sha, "pw", fromHex("0102030405060708").data(), 8, 10, 16);
   auto sealRaw = [&](Bytes last) {

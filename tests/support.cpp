@@ -6,11 +6,8 @@
 #include <fstream>
 
 #include "ol/file.h"
-#include "tessel/block.h"
-#include "ol/base64.h"
-#include "ol/file.h"
-#include "tessel/cpu.h"
 #include "tessel/factory.h"
+#include "tessel/pem.h"
 
 namespace tessel::test {
 
@@ -95,25 +92,28 @@ nlohmann::json dataFile(const std::string& relativePath) {
 nlohmann::json parseCases(const char* table) { return dataFile("parse_cases.json").at(table); }
 
 Bytes pemBody(const Bytes& text) {
-  std::string s(text.begin(), text.end()), b64;
-  auto begin = s.find("-----\n");
-  auto end = s.find("-----END");
-  if (begin == std::string::npos || end == std::string::npos) return {};
-  for (char c : s.substr(begin + 6, end - begin - 6))
-    if (c != '\n' && c != '\r') b64 += c;
-  Bytes out(b64.size() / 4 * 3 + 3);
-  int n = ol::base64Decode(b64.data(), b64.size(), out.data(), out.size());
-  out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
-  return out;
+  std::string_view in(reinterpret_cast<const char*>(text.data()), text.size()), label, body;
+  Bytes out;
+  return parsePem(in, &label, &body) && pemDecode(body, &out) ? out : Bytes{};
 }
 
 std::unique_ptr<Hash> makeSoftwareHash(unsigned id) { return detail::createSoftwareHash(id); }
 
+// pathsWith lists the portable path and, when `have`, the one named `name`; otherwise it says what is missing.
+static std::vector<CodePath> pathsWith(bool have, const char* name, const char* missing) {
+  if (have) return {{"portable", true}, {name, false}};
+  std::printf("note: %s\n", missing);
+  return {{"portable", true}};
+}
+
 std::vector<CodePath> digestCodePaths() {
-  std::vector<CodePath> paths = {{"portable", true}};
-  if (cpuHasShaExtensions()) paths.push_back({"sha-extensions", false});
-  else std::printf("note: no SHA extensions on this processor; only the portable digests are tested\n");
-  return paths;
+  return pathsWith(cpuHasShaExtensions(), "sha-extensions",
+                   "no SHA extensions on this processor; only the portable digests are tested");
+}
+
+std::vector<CodePath> aesCodePaths() {
+  return pathsWith(cpuHasAesInstructions(), "aes-instructions",
+                   "no AES instructions on this processor; only the portable AES is tested");
 }
 
 std::vector<CodePath> bignumCodePaths() {
@@ -124,28 +124,14 @@ std::vector<CodePath> bignumCodePaths() {
   return paths;
 }
 
-std::vector<CodePath> aesCodePaths() {
-  std::vector<CodePath> paths = {{"portable", true}};
-  if (cpuHasAesInstructions()) paths.push_back({"aes-instructions", false});
-  else std::printf("note: no AES instructions on this processor; only the portable AES is tested\n");
-  return paths;
-}
-
 FakeProcCrypto::FakeProcCrypto(const std::string& text) {
-  char tmpl[] = "/tmp/tessel-root.XXXXXX";
-  if (!::mkdtemp(tmpl)) ADD_FAILURE() << "mkdtemp failed";
-  dir_ = tmpl;
-  std::filesystem::create_directories(dir_ + "/proc");
-  std::ofstream(dir_ + "/proc/crypto") << text;
-  ol::setRoot(dir_);
+  root_.write("/proc/crypto", bytesOf(text));
   detail::reloadCryptoInfoForTesting();
 }
 
 FakeProcCrypto::~FakeProcCrypto() {
-  ol::setRoot("/");
+  ol::setRoot("/");  // before the reload; the root's own destructor deletes the folder
   detail::reloadCryptoInfoForTesting();
-  std::error_code ignored;
-  std::filesystem::remove_all(dir_, ignored);
 }
 
 TempRoot::TempRoot() {
@@ -164,8 +150,8 @@ TempRoot::~TempRoot() {
 void TempRoot::write(const std::string& absolute, const Bytes& bytes) const {
   std::filesystem::path p = path(absolute);
   std::filesystem::create_directories(p.parent_path());
-  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                           static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(p, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 UseCodePath::UseCodePath(const CodePath& path) { forcePortable(path.portable); }
@@ -176,10 +162,10 @@ std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total) {
   while (total > 0) {
     std::size_t n;
     switch (rng.below(4)) {
-      case 0: n = rng.below(3); break;                 // 0, 1 or 2 bytes
-      case 1: n = 1 + rng.below(200); break;           // around a block or two
-      case 2: n = 64 * (1 + rng.below(4)); break;      // whole blocks
-      default: n = 1 + rng.below(total); break;        // anything left
+      case 0: n = rng.below(3); break;             // 0, 1 or 2 bytes
+      case 1: n = 1 + rng.below(200); break;       // around a block or two
+      case 2: n = 64 * (1 + rng.below(4)); break;  // whole blocks
+      default: n = 1 + rng.below(total); break;    // anything left
     }
     n = std::min(n, total);
     pieces.push_back(n);

@@ -8,7 +8,9 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tessel/block.h"
@@ -124,20 +126,6 @@ void forEachBignumPath(Body body) {
   forEachPath("bignum", bignumCodePaths(), wideLimbsInUse, body);
 }
 
-// FakeProcCrypto points the platform root (ol/file.h) at a temporary folder whose
-// proc/crypto holds `text`, and makes the factory read it again; the destructor restores the
-// real root and the real driver list.
-class FakeProcCrypto {
- public:
-  explicit FakeProcCrypto(const std::string& text);
-  ~FakeProcCrypto();
-  FakeProcCrypto(const FakeProcCrypto&) = delete;
-  FakeProcCrypto& operator=(const FakeProcCrypto&) = delete;
-
- private:
-  std::string dir_;
-};
-
 // TempRoot points the platform root (ol/file.h) at a fresh temporary folder for its lifetime;
 // the destructor restores the real root and deletes the folder.
 class TempRoot {
@@ -153,6 +141,20 @@ class TempRoot {
 
  private:
   std::string dir_;
+};
+
+// FakeProcCrypto points the platform root (ol/file.h) at a temporary folder whose
+// proc/crypto holds `text`, and makes the factory read it again; the destructor restores the
+// real root and the real driver list.
+class FakeProcCrypto {
+ public:
+  explicit FakeProcCrypto(const std::string& text);
+  ~FakeProcCrypto();
+  FakeProcCrypto(const FakeProcCrypto&) = delete;
+  FakeProcCrypto& operator=(const FakeProcCrypto&) = delete;
+
+ private:
+  TempRoot root_;
 };
 
 // Deterministic randomness for property tests, so a failure can be replayed from its seed.
@@ -192,20 +194,6 @@ constexpr int rounds(int n) { return kSanitized ? (n + 7) / 8 : n; }
 // randomSplits cuts [0, total) into consecutive pieces of random lengths, mixing tiny pieces
 // with large ones so buffer boundaries are crossed in every way.
 std::vector<std::size_t> randomSplits(TestRng& rng, std::size_t total);
-
-}  // namespace tessel::test
-
-// LOAD_VECTORS binds `var` to the parsed file or skips the test, saying which file is missing.
-#define LOAD_VECTORS(var, path)                                                               \
-  auto var##_opt = ::tessel::test::loadVectors(path);                                          \
-  if (!var##_opt) GTEST_SKIP() << "test vectors not found: " << ::tessel::test::vectorsDir()   \
-                               << "/" << (path) << " (set TESSEL_VECTORS)";                    \
-  const nlohmann::json& var = *var##_opt
-
-#include <sstream>
-#include <utility>
-
-namespace tessel::test {
 
 // said runs `body` and returns what it printed on standard output.
 template <class Body>
@@ -252,3 +240,11 @@ inline Bytes hexField(const nlohmann::json& c, const char* name) {
 }
 
 }  // namespace tessel::test
+
+// LOAD_VECTORS binds `var` to the parsed file or skips the test, saying which file is missing.
+#define LOAD_VECTORS(var, path)                                                                 \
+  auto var##_opt = ::tessel::test::loadVectors(path);                                           \
+  if (!var##_opt)                                                                               \
+    GTEST_SKIP() << "test vectors not found: " << ::tessel::test::vectorsDir() << "/" << (path) \
+                 << " (set TESSEL_VECTORS)";                                                    \
+  const nlohmann::json& var = *var##_opt
