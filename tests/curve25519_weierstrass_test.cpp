@@ -34,7 +34,8 @@ std::string publicOf(const Bytes& scalar) {
 
 // withPython appends the cases of table `name` of num_25519.json to the known answers.
 nlohmann::json withPython(nlohmann::json known, const char* name) {
-  for (const auto& c : test::dataFile("num_25519.json")[name]) known.push_back(c);
+  const nlohmann::json python = test::dataFile("num_25519.json");
+  for (const auto& c : python[name]) known.push_back(c);
   return known;
 }
 

@@ -101,7 +101,8 @@ INSTANTIATE_TEST_SUITE_P(Files, EcWycheproof,
 // Keys at the edges (1, n − 1), short and full-width, with digests longer and shorter than the
 // order, on every curve; the first case is RFC 6979 A.2.5 (tests/data/gen_num_ecdsa.py).
 TEST(EcPrivateKey, Rfc6979SignaturesMatchPython) {
-  for (const auto& c : test::dataFile("num_ecdsa.json")["signatures"]) {
+  const nlohmann::json cases = test::dataFile("num_ecdsa.json");
+  for (const auto& c : cases["signatures"]) {
     EcPrivateKey key;
     ASSERT_TRUE(key.setPrivateKey(curveNamed(c["curve"]), test::hexNum(c["d"].get<std::string>()))) << c;
     const Bytes hash = test::hexField(c, "digest");

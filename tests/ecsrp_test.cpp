@@ -59,7 +59,8 @@ TEST(MsChapV2, LongPasswordsAreCutTo256Characters) {
 
 // Values from Python's hashlib (tests/data/gen_num_auth.py), labels spelled as the protocol has them.
 TEST(MsChapV2, MakeChallengeLabels) {
-  for (const auto& c : test::dataFile("num_auth.json")["makeChallenge"])
+  const nlohmann::json cases = test::dataFile("num_auth.json");
+  for (const auto& c : cases["makeChallenge"])
     EXPECT_EQ(toHex(makeChallenge(str(test::hexField(c, "key")), test::hexField(c, "data"), c["peer"])), c["challenge"])
         << c;
 }

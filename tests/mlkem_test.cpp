@@ -35,8 +35,9 @@ TEST(MLKEM768, KeyGenAndDecaps) {
   int n = test::forEachWycheproofTest(v, [](const nlohmann::json&, const nlohmann::json& t) {
     const Bytes seed = *field(t, "seed"), c = *field(t, "c");
     Bytes ek, dk, secret;
-    const bool keyOk = seed.size() == 64 && mlkem768::keyGen({seed.data(), 32}, {seed.data() + 32, 32}, ek, dk);
-    expectVerdict(t, keyOk && MLKEMDecap(dk).decapsulate(c, secret), {{"ek", ek}, {"K", secret}});
+    const bool ok = seed.size() == 64 && mlkem768::keyGen({seed.data(), 32}, {seed.data() + 32, 32}, ek, dk) &&
+                    MLKEMDecap(dk).decapsulate(c, secret);
+    expectVerdict(t, ok, {{"ek", ek}, {"K", secret}});
   });
   EXPECT_EQ(n, 193);
 }
@@ -57,7 +58,8 @@ TEST(MLKEM768, DecapsKeyChecks) {
   LOAD_VECTORS(v, "wycheproof/mlkem_768_semi_expanded_decaps_test.json");
   int n = test::forEachWycheproofTest(v, [](const nlohmann::json&, const nlohmann::json& t) {
     Bytes secret;
-    expectVerdict(t, MLKEMDecap(*field(t, "dk")).decapsulate(*field(t, "c"), secret), {{"K", secret}});
+    const bool ok = MLKEMDecap(*field(t, "dk")).decapsulate(*field(t, "c"), secret);
+    expectVerdict(t, ok, {{"K", secret}});
   });
   EXPECT_EQ(n, 9);
 }
