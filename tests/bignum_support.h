@@ -2,6 +2,8 @@
 // for the oracle checks.
 #pragma once
 
+#include <type_traits>
+
 #include "support.h"
 #include "tessel/bignum.h"
 
@@ -38,31 +40,14 @@ inline BigNum fromDigits(std::vector<BigNum::Digit> digits) {
 // two, a top digit with its top bit set or clear, sparse digits, or runs of ones and zeros.
 inline BigNum randomNum(TestRng& rng, unsigned digits) {
   std::vector<BigNum::Digit> d(digits);
-  switch (rng.below(7)) {
-    case 0:
-      for (auto& x : d) x = 0xffffffffu;
-      break;
-    case 1:
-      d.back() = 1u << rng.below(32);
-      break;
-    case 2:
-      for (auto& x : d) x = rng.next();
-      d.back() |= 0x80000000u;
-      break;
-    case 3:
-      for (auto& x : d) x = rng.next();
-      d.back() = 1 + rng.next() % 0xffff;
-      break;
-    case 4:
-      for (auto& x : d) x = rng.below(4) == 0 ? rng.next() : 0;
-      break;
-    case 5:
-      for (auto& x : d) x = rng.below(2) ? 0xffffffffu : 0;
-      break;
-    default:
-      for (auto& x : d) x = rng.next();
-      break;
+  const std::size_t shape = rng.below(7);
+  for (auto& x : d) {
+    const BigNum::Digit r = rng.next();
+    x = shape == 0 ? 0xffffffffu : shape == 1 ? 0 : shape == 4 ? (rng.below(4) ? 0 : r) : shape == 5 ? -(r & 1) : r;
   }
+  if (shape == 1) d.back() = 1u << rng.below(32);
+  if (shape == 2) d.back() |= 0x80000000u;
+  if (shape == 3) d.back() = 1 + rng.next() % 0xffff;
   if (d.back() == 0) d.back() = 1 + rng.next() % 7;
   return fromDigits(std::move(d));
 }
@@ -96,6 +81,23 @@ inline BigNum fromBn(const BIGNUM* x) {
   Bytes b(static_cast<std::size_t>(BN_num_bytes(x)));
   BN_bn2bin(x, b.data());
   return BigNum(asn1::blob(b));
+}
+
+// ossl returns OpenSSL's f(x...) as a BigNum: f is a BN_ function writing its first argument,
+// with a trailing BN_CTX when it takes one (BN_mul, BN_mod_exp; BN_add takes none).
+template <class>
+using BnArg = const BIGNUM*;
+
+template <class F, class... N>
+BigNum ossl(F f, const N&... x) {
+  static BnCtx ctx;
+  Bn r = newBn();
+  if constexpr (std::is_invocable_v<F, BIGNUM*, BnArg<N>..., BN_CTX*>) {
+    f(r.get(), toBn(x).get()..., ctx.ctx);
+  } else {
+    f(r.get(), toBn(x).get()...);
+  }
+  return fromBn(r.get());
 }
 #endif
 

@@ -10,6 +10,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -22,62 +23,38 @@
 namespace tessel {
 namespace {
 
-using Chain = std::vector<std::shared_ptr<X509Certificate>>;
-
 // rsaKeyWithExponent makes an RSA key of `bits` bits whose public exponent is 65537 or, when
 // `huge`, a random odd number one bit shorter than the modulus.
 EVP_PKEY* rsaKeyWithExponent(int bits, bool huge) {
-  BN_CTX* ctx = BN_CTX_new();
-  BIGNUM *p = BN_new(), *q = BN_new(), *n = BN_new(), *e = BN_new(), *d = BN_new(), *phi = BN_new(), *p1 = BN_new(),
-         *q1 = BN_new(), *dp = BN_new(), *dq = BN_new(), *qinv = BN_new();
-  BN_generate_prime_ex(p, bits / 2, 0, nullptr, nullptr, nullptr);
-  BN_generate_prime_ex(q, bits / 2, 0, nullptr, nullptr, nullptr);
-  BN_mul(n, p, q, ctx);
-  BN_sub(p1, p, BN_value_one());
-  BN_sub(q1, q, BN_value_one());
-  BN_mul(phi, p1, q1, ctx);
-  do {
-    if (huge) {
-      BN_rand(e, bits - 1, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ODD);
-    } else {
-      BN_set_word(e, 65537);
-    }
-  } while (!BN_mod_inverse(d, e, phi, ctx));
-  BN_mod(dp, d, p1, ctx);
-  BN_mod(dq, d, q1, ctx);
-  BN_mod_inverse(qinv, q, p, ctx);
-  RSA* rsa = RSA_new();
-  RSA_set0_key(rsa, n, e, d);
-  RSA_set0_factors(rsa, p, q);
-  RSA_set0_crt_params(rsa, dp, dq, qinv);
-  BN_free(phi);
-  BN_free(p1);
-  BN_free(q1);
-  BN_CTX_free(ctx);
-  EVP_PKEY* key = EVP_PKEY_new();
-  EVP_PKEY_assign_RSA(key, rsa);
+  BIGNUM* e = BN_new();
+  huge ? BN_rand(e, bits - 1, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ODD) : BN_set_word(e, 65537);
+  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr);
+  EVP_PKEY* key = nullptr;
+  EVP_PKEY_keygen_init(ctx);
+  EVP_PKEY_CTX_set_rsa_keygen_bits(ctx, bits);
+  EVP_PKEY_CTX_set1_rsa_keygen_pubexp(ctx, e);
+  EVP_PKEY_keygen(ctx, &key);
+  EVP_PKEY_CTX_free(ctx);
+  BN_free(e);
   return key;
 }
 
-// certificate returns CN=<subject> issued by CN=<issuer> for `key`, signed with `signer`, as a
-// CA certificate valid around now.
-std::shared_ptr<X509Certificate> certificate(const std::string& subject, const std::string& issuer, EVP_PKEY* key,
-                                             EVP_PKEY* signer) {
+// certificate returns CN=<subject> issued by CN=<issuer> for `key`, self-signed, as a CA
+// certificate valid around now.
+std::shared_ptr<X509Certificate> certificate(const std::string& subject, const std::string& issuer, EVP_PKEY* key) {
   X509* x = X509_new();
   X509_set_version(x, 2);
   ASN1_INTEGER_set(X509_get_serialNumber(x), 1);
   X509_gmtime_adj(X509_getm_notBefore(x), -3600);
   X509_gmtime_adj(X509_getm_notAfter(x), 3600);
-  auto setName = [](X509_NAME* name, const std::string& cn) {
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn.c_str()), -1, -1, 0);
-  };
-  setName(X509_get_subject_name(x), subject);
-  setName(X509_get_issuer_name(x), issuer);
+  for (auto [name, cn] : {std::pair{X509_get_subject_name(x), &subject}, {X509_get_issuer_name(x), &issuer}})
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn->c_str()), -1, -1,
+                               0);
   X509_set_pubkey(x, key);
   X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, nullptr, NID_basic_constraints, "critical,CA:TRUE");
   X509_add_ext(x, ext, -1);
   X509_EXTENSION_free(ext);
-  X509_sign(x, signer, EVP_sha256());
+  X509_sign(x, key, EVP_sha256());
   unsigned char* der = nullptr;
   const int len = i2d_X509(x, &der);
   X509_free(x);
@@ -91,13 +68,11 @@ std::shared_ptr<X509Certificate> certificate(const std::string& subject, const s
 // all under one key, and returns x509ValidatePath's code.
 unsigned validateChain(int bits, bool huge, std::size_t length, std::string* error, double* seconds = nullptr) {
   EVP_PKEY* key = rsaKeyWithExponent(bits, huge);
-  Chain chain;
-  for (std::size_t i = 0; i < length; ++i) {
-    const std::string issuer = "c" + std::to_string(i + 1 < length ? i + 1 : i);
-    chain.push_back(certificate("c" + std::to_string(i), issuer, key, key));
-    if (!chain.back()) return ~0u;
-  }
+  std::vector<std::shared_ptr<X509Certificate>> chain;
+  for (std::size_t i = 0; i < length && key; ++i)
+    chain.push_back(certificate("c" + std::to_string(i), "c" + std::to_string(std::min(i + 1, length - 1)), key));
   EVP_PKEY_free(key);
+  if (chain.size() != length || std::count(chain.begin(), chain.end(), nullptr)) return ~0u;
   CertificateMemoryStore store;
   store.certificates.push_back(chain.back());
   const auto start = std::chrono::steady_clock::now();

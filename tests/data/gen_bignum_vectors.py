@@ -119,6 +119,46 @@ for a, length in [(0x1234, 4), (0x1234, 1), (0x1234, 0), (0, 0), (0, 3), (1 << 3
     cases.append({"op": "bin", "a": h(a), "len": length, "big": out.hex(),
                   "little": a.to_bytes((a.bit_length() + 7) // 8, "little").hex()})
 
+# Random operands in bulk, for the properties once checked against OpenSSL's BN functions only; a
+# seed of their own keeps the cases above as they were.
+rng = random.Random(20261123)
+for c in cases:
+    if c["op"] == "gcd" and int(c["a"], 16) and int(c["b"], 16):
+        c["bezout"] = c["gcd"]  # a·x + b·y = gcd with the signs begcd gives
+for i in range(150):
+    a, b = number(size(130 if i % 10 == 0 else 40)), number(size(130 if i % 10 == 0 else 40))
+    k, w = rng.randrange(200), rng.getrandbits(32)
+    c = {"op": "mix", "a": h(a), "b": h(b), "k": k, "w": w, "product": h(a * b), "square": h(a * a),
+         "sum": h(a + b), "shl": h(a << k), "shr": h(a >> k), "byWord": h(a * w), "less": a < b, "dec": str(a),
+         "bits": a.bit_length()}
+    if a >= b:
+        c["diff"] = h(a - b)
+    cases.append(c)
+for i in range(80):
+    m = number(size(130)) | 1
+    if m == 1:
+        m = 3
+    digits = (m.bit_length() + 31) // 32
+    a, b = number(size(2 * digits)), number(size(digits))
+    cases.append({"op": "mont", "a": h(a), "b": h(b), "m": h(m), "montIn": h(a % m), "montProduct": h(a * b % m),
+                  "montSquare": h(b * b % m)})
+P = (1 << 255) - 19
+for i in range(150):  # operands up to 2^256 - 1, as the partially reduced values of the curve code reach
+    a, b, w = number(8 if i % 2 else rng.randrange(1, 9)), number(8 if i % 3 else rng.randrange(1, 9)), rng.getrandbits(32)
+    cases.append({"op": "p25519", "a": h(a), "b": h(b), "w": w, "p25519Product": h(a * b % P),
+                  "p25519Square": h(b * b % P), "p25519Word": h(a * w % P)})
+# Exponents of exactly the bit lengths where the window width changes (all ones: every window
+# full), and now and then an RSA-shaped full-length exponent.
+m, a = number(24) | 1, number(20)
+for bits in [1, 2, 23, 24, 25, 31, 32, 33, 79, 80, 239, 240, 671, 672, 700]:
+    for shape in range(4):
+        e = (1 << bits) - 1 if shape == 0 else (number((bits + 31) // 32) % (1 << bits)) | (1 << (bits - 1))
+        cases.append({"op": "exp", "a": h(a), "e": h(e), "m": h(m), "power": h(pow(a, e, m))})
+for _ in range(8):
+    m = number(64) | 1
+    a, e = number(size(65)), number(64)
+    cases.append({"op": "exp", "a": h(a), "e": h(e), "m": h(m), "power": h(pow(a, e, m))})
+
 with open("bignum_vectors.json", "w") as f:
     json.dump(cases, f, indent=0)
     f.write("\n")
