@@ -32,9 +32,10 @@ bool generateKey(RsaPrivateKey& key, unsigned bits, Rng& rng);
 // those verdicts are public (the caller draws another prime).
 bool deriveKey(RsaPrivateKey& key, const BigNum& p, const BigNum& q, unsigned primeBits);
 
-// isProbablePrime runs the base-2 Fermat test and `rounds` Miller–Rabin rounds with bases drawn
-// from `rng` on the secret odd w (above 2^11, a clamped BigNum: trial division comes first), in constant
-// time; only the verdict is public. False for a composite, and when rng fails.
+// isProbablePrime runs trial division, the base-2 Fermat test and `rounds` Miller–Rabin rounds
+// with bases drawn from `rng` on the secret w (a clamped BigNum above 2^11; its digit count is
+// public), in constant time; only the verdict is public. False for an even or composite w, and
+// when rng fails.
 bool isProbablePrime(const BigNum& w, unsigned rounds, Rng& rng);
 
 }  // namespace tessel::rsa
