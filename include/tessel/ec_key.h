@@ -13,6 +13,7 @@
 
 #include "tessel/ec.h"
 #include "tessel/keys.h"
+#include "tessel/rng.h"
 
 namespace tessel {
 
@@ -80,6 +81,9 @@ class EcPrivateKey : public EcPublicKey, public PrivateKey {
   std::vector<unsigned char> deriveSharedSecret(const EcPublicKey& peer) const;
   // setPrivateKey installs d on `c` and computes Q; false when d is not in [1, n-1].
   bool setPrivateKey(Curve c, const BigNum& scalar);
+  // generate installs a scalar drawn uniformly from [1, n-1] on `c` with `rng` (by rejection) and
+  // computes Q. False for an unknown curve or when rng fails; the key is then unspecified.
+  bool generate(Curve c, Rng& rng);
 };
 
 }  // namespace tessel

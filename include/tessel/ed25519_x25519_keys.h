@@ -10,6 +10,7 @@
 #include <array>
 
 #include "tessel/keys.h"
+#include "tessel/rng.h"
 
 namespace tessel {
 
@@ -46,6 +47,9 @@ class Key25519Private : public virtual Key25519Public, public PrivateKey {
   void dump(std::ostream& out) const override;
   // setPrivateKey installs a 32-byte private key and derives the public key.
   void setPrivateKey(const unsigned char key[32]);
+  // generate installs 32 bytes drawn from `rng` as the private key and derives the public key.
+  // False, the key left as it was, when rng fails.
+  bool generate(Rng& rng);
 
  protected:
   // derivePublic computes publicKey from privateKey.

@@ -4,6 +4,7 @@
 
 #include "tessel/bignum.h"
 #include "tessel/keys.h"
+#include "tessel/rng.h"
 
 namespace tessel {
 
@@ -75,6 +76,10 @@ class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
   // exponent. Empty when c >= n, when the key is unusable (an even modulus or prime) or when the
   // check fails.
   std::vector<unsigned char> privateOperation(asn1::blob c) const;
+  // generate replaces the key with a fresh two-prime key of `bits` bits (even, 2048 to 4096) and
+  // e = 65537, drawn from `rng` alone in constant time. False when bits is refused or rng fails;
+  // the key is then unspecified.
+  bool generate(unsigned bits, Rng& rng);
 };
 
 // rsaPkcs1Block is the k-byte EMSA-PKCS1-v1_5 block 00 01 FF..FF 00 T of a digest: T is its

@@ -29,6 +29,7 @@
 #include "tessel/hkdf.h"
 #include "tessel/hmac.h"
 #include "tessel/kernel.h"
+#include "tessel/keygen.h"
 #include "tessel/keys.h"
 #include "tessel/mlkem.h"
 #include "tessel/mlkem_keys.h"
