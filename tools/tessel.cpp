@@ -11,6 +11,7 @@
 //                                validate it; prints the result code and reason, exits 0 only
 //                                for a valid chain. T is seconds since 1970 or a UTC date
 //                                "YYYY-MM-DD[THH:MM:SS]"; the default is the current time.
+//   tessel genkey / req / ca     make keys, requests, certificates and CRLs (issue_commands.cpp)
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -22,6 +23,7 @@
 #include <string>
 #include <string_view>
 
+#include "commands.h"
 #include "ol/file.h"
 
 #include "tessel/tessel.h"
@@ -150,7 +152,8 @@ bool parseTime(std::string_view text, tessel::TimePoint* out) {
   std::tm tm{};
   int used = 0;
   if (std::sscanf(s.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &used) != 3) return false;
-  if (s[used] == 'T' && std::sscanf(s.c_str() + used, "T%2d:%2d:%2d%n", &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &used) == 3) {
+  if (s[used] == 'T' &&
+      std::sscanf(s.c_str() + used, "T%2d:%2d:%2d%n", &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &used) == 3) {
     used += 10;
   }
   if (static_cast<size_t>(used) != s.size()) return false;
@@ -173,7 +176,7 @@ const char* reasonOf(unsigned code) {
 
 // addToStore loads a directory of certificates and CRLs, or a PEM file of certificates.
 bool addToStore(tessel::CertificateMemoryStore& store, const char* path) {
-  struct stat st{};
+  struct stat st {};
   if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return store.loadFromDir(path, true);
   std::string text;
   if (!ol::readFile(text, path)) return false;
@@ -263,7 +266,13 @@ int main(int argc, char** argv) {
   if (cmd == "digest") return cmdDigest(argc, argv);
   if (cmd == "dump") return cmdDump(argc, argv);
   if (cmd == "verify") return cmdVerify(argc, argv);
+  if (cmd == "genkey") return cmdGenkey(argc, argv);
+  if (cmd == "req") return cmdReq(argc, argv);
+  if (cmd == "ca") return cmdCa(argc, argv);
   std::cerr << "usage: tessel digest ALGO FILE...\n       tessel dump FILE [--password PW]\n"
-               "       tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS]\n";
+               "       tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS]\n"
+               "       tessel genkey TYPE [OPTIONS]\n       tessel req (--key FILE | --newkey TYPE) [OPTIONS]\n"
+               "       tessel ca root|issue|crl [OPTIONS]\n"
+               "       (each command takes --help)\n";
   return 2;
 }
