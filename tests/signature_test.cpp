@@ -8,6 +8,8 @@
 
 #include "openssl_oracle.h"
 #include "support.h"
+#include "tessel/ec_key.h"
+#include "tessel/ed25519_x25519_keys.h"
 #include "tessel/pkcs8.h"
 #include "tessel/rsa.h"
 
@@ -91,6 +93,30 @@ TEST(RsaSign, WycheproofGenerationVectors) {
     });
   }
   EXPECT_GT(n, 0);
+}
+
+// The published deterministic signatures come out of sign(): RFC 8032 section 7.1 for Ed25519,
+// RFC 6979 appendix A.2.5 for ECDSA over P-256 with SHA-256 (DER of r and s).
+TEST(Sign, Rfc8032AndRfc6979KnownAnswers) {
+  LOAD_VECTORS(ed, "kat/ed25519.json");
+  for (const auto& c : ed) {
+    Ed25519PrivateKey key;
+    key.setPrivateKey(hexField(c, "secret_key").data());
+    EXPECT_EQ(toHex(key.sign(asn1::blob(hexField(c, "message")), SignatureParams{})), c["signature"]) << c["id"];
+  }
+  EcPrivateKey ec;
+  ASSERT_TRUE(ec.setPrivateKey(
+      Curve::p256, BigNum(asn1::blob(fromHex("c9afa9d845ba75166b5c215767b1d6934e50c3db36e89b127b8a622b120f6721")))));
+  const std::pair<const char*, const char*> rfc6979[] = {
+      {"sample",
+       "3046022100efd48b2aacb6a8fd1140dd9cd45e81d69d2c877b56aaf991c34d0ea84eaf3716022100f7cb1c942d657c41d436c7a1b6e29f6"
+       "5"
+       "f3e900dbb9aff4064dc4ab2f843acda8"},
+      {"test",
+       "3045022100f1abb023518351cd71d881567b1ea663ed3efcf6c5132b354f28d3b0b7d383670220019f4113742a2b14bd25926b49c64915"
+       "5f267e60d3814b4c0cc84250e46f0083"},
+  };
+  for (const auto& [msg, der] : rfc6979) EXPECT_EQ(toHex(ec.sign(asn1::blob(bytesOf(msg)), {hashSha256})), der) << msg;
 }
 
 // opensslVerifies checks a signature with libcrypto's EVP_DigestVerify over the same SPKI.
