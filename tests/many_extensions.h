@@ -42,8 +42,8 @@ inline std::vector<unsigned char> signedWithManyExtensions(SignedKind kind, unsi
   // empty issuer, valid 2020 to 2030, empty subject, an RSA key with an empty BIT STRING. Request:
   // version 0, empty name, the same key. CRL: version 2, the algorithm, empty issuer, this and next update.
   static const char* const kHeads[] = {
-      "a003020102020101300b06092a864886f70d01010b3000301e170d3230303130313030303030305a170d33303031303130303030"
-      "30305a30003010300b06092a864886f70d010101030100",
+      ("a003020102020101300b06092a864886f70d01010b3000301e170d3230303130313030303030305a170d33303031303130303030"
+       "30305a30003010300b06092a864886f70d010101030100"),
       "02010030003010300b06092a864886f70d010101030100",
       "020101300b06092a864886f70d01010b3000170d3230303130313030303030305a170d3330303130313030303030305a"};
   const std::string_view head = kHeads[static_cast<int>(kind)];
