@@ -53,6 +53,8 @@ TEST_F(ToolIssue, TheReadmePkiValidatesInOpenSsl) {
   EXPECT_NE(r.output.find("critical\n    CA:TRUE, pathlen:0"), std::string::npos) << r.output;
   EXPECT_EQ(tessel("ca issue --ca ca.pem --ca-key root.key --password rootpw --req host.csr").status, 2);
   EXPECT_EQ(tessel("ca root --key root.key --password nope --subject /CN=x").status, 1);
+  EXPECT_EQ(tessel("ca crl --ca ca.pem --ca-key ca.key --number -1").status, 2);
+  EXPECT_EQ(tessel("ca crl --ca ca.pem --ca-key ca.key --revoke 80").status, 2);  // serials are positive
 }
 
 TEST_F(ToolIssue, BadArgumentsGiveOneLineAndStatusTwo) {

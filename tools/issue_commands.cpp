@@ -120,7 +120,9 @@ bool writeOut(const std::string& path, const std::string& text, bool secret = fa
 std::optional<unsigned> number(const std::string& text, unsigned max) {
   char* end = nullptr;
   const unsigned long v = std::strtoul(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || v > max) return std::nullopt;
+  // strtoul takes a sign and wraps it, so only plain digits are numbers here.
+  if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])) || *end != '\0' || v > max)
+    return std::nullopt;
   return static_cast<unsigned>(v);
 }
 
