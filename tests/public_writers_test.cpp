@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <string>
 
-#include "ol/base64.h"
 #include "support.h"
 #include "tessel/ec_key.h"
 #include "tessel/ed25519_x25519_keys.h"
@@ -40,21 +39,10 @@ bool leaks(const Bytes& out, const std::vector<Bytes>& secrets) {
   return false;
 }
 
-Bytes pemBody(const std::string& pem) {
-  std::string b64;
-  std::size_t start = pem.find('\n') + 1, end = pem.find("-----END");
-  for (char c : pem.substr(start, end - start))
-    if (c != '\n' && c != '\r') b64 += c;
-  Bytes out(b64.size());
-  const int n = ol::base64Decode(b64.data(), b64.size(), out.data(), out.size());
-  out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-  return out;
-}
-
 using Writer = Bytes (*)(const PublicKey&);
 const std::pair<const char*, Writer> kWriters[] = {
     {"encodeSubjectPublicKeyInfo", [](const PublicKey& k) { return encodeSubjectPublicKeyInfo(k); }},
-    {"encodePemPublicKey", [](const PublicKey& k) { return pemBody(encodePemPublicKey(k)); }},
+    {"encodePemPublicKey", [](const PublicKey& k) { return pemBody(bytesOf(encodePemPublicKey(k))); }},
     {"X509Certificate::setSubjectPublicKey",
      [](const PublicKey& k) {
        X509Certificate cert;

@@ -301,10 +301,10 @@ int cmdGenkey(int argc, char** argv) {
   if (helpAsked(o, kGenkeyUsage)) return 0;
   if (o.positional.size() != 1) return fail("genkey needs one key type (see tessel genkey --help)");
   const std::string& type = o.positional[0];
-  const auto spec = keySpec(type, type == "rsa" ? o.get("bits") : type == "ec" ? o.get("curve") : "");
-  if (!spec || (type != "rsa" && o.has("bits")) || (type != "ec" && o.has("curve")))
+  const auto choice = keySpec(type, type == "rsa" ? o.get("bits") : type == "ec" ? o.get("curve") : "");
+  if (!choice || (type != "rsa" && o.has("bits")) || (type != "ec" && o.has("curve")))
     return fail("unsupported key type or size: " + type);
-  const auto key = generatePrivateKey(spec->type, spec->size);
+  const auto key = generatePrivateKey(choice->type, choice->size);
   if (!key) return failed("key generation failed");
   return writeOut(o.get("out"), privateKeyPem(*key, o.get("password")), true) ? 0 : 1;
 }
@@ -334,9 +334,9 @@ int cmdReq(int argc, char** argv) {
     return fail("bad --key-usage: " + o.get("key-usage"));
   std::shared_ptr<PrivateKey> key;
   if (o.has("newkey")) {
-    const std::string spec = o.get("newkey");
-    const std::size_t colon = spec.find(':');
-    const auto parsed = keySpec(spec.substr(0, colon), colon == std::string::npos ? "" : spec.substr(colon + 1));
+    const std::string wanted = o.get("newkey");
+    const std::size_t colon = wanted.find(':');
+    const auto parsed = keySpec(wanted.substr(0, colon), colon == std::string::npos ? "" : wanted.substr(colon + 1));
     if (!parsed || !o.has("keyout")) return fail("--newkey needs a key type and --keyout FILE");
     key = generatePrivateKey(parsed->type, parsed->size);
     if (!key) return failed("key generation failed");

@@ -45,6 +45,9 @@ struct SignatureParams {
 // pair (16, 20, 32, 48, 64, 36); 0 for any other id.
 unsigned getHashLength(unsigned hash);
 
+// isPssDigest says whether RSASSA-PSS signs and masks with `hash`: SHA-1 to SHA-512.
+bool isPssDigest(unsigned hash);
+
 // getHashOid returns the OID content of MD5, SHA-1, SHA-256, SHA-384 or SHA-512 (pointing at
 // constant data), or an empty blob for any other id.
 asn1::blob getHashOid(unsigned hash);

@@ -26,10 +26,6 @@ constexpr unsigned kPssDefaultSalt = 20;
 // No real signer salts with more than a digest or two; a bound keeps hostile values harmless.
 constexpr unsigned kMaxPssSalt = 1024;
 
-bool pssDigest(unsigned hash) {
-  return hash == hashSha1 || hash == hashSha256 || hash == hashSha384 || hash == hashSha512;
-}
-
 // readHashAlgorithm reads the content of a digest AlgorithmIdentifier inside PSS parameters,
 // where RFC 4055 asks readers to take NULL and absent parameters alike.
 HashID readHashAlgorithm(asn1::blob content) {
@@ -39,7 +35,7 @@ HashID readHashAlgorithm(asn1::blob content) {
   p.skipIf(asn1::tagNull);
   if (!p.atEnd()) return hashNone;
   const HashID hash = getHashID(oid);
-  return getHashOid(hash) == oid && pssDigest(hash) ? hash : hashNone;  // no HMAC OIDs here
+  return getHashOid(hash) == oid && isPssDigest(hash) ? hash : hashNone;  // no HMAC OIDs here
 }
 
 // readMgf reads MaskGenAlgorithm content: id-mgf1 with its digest AlgorithmIdentifier.
@@ -105,6 +101,10 @@ void writePssParams(DerEncoder& e, const SignatureParams& params, unsigned salt)
 
 }  // namespace
 
+bool isPssDigest(unsigned hash) {
+  return hash == hashSha1 || hash == hashSha256 || hash == hashSha384 || hash == hashSha512;
+}
+
 unsigned getHashLength(unsigned hash) {
   switch (hash) {
     case hashMd5: return 16;
@@ -121,7 +121,7 @@ std::vector<unsigned char> encodeSignatureAlgorithm(KeyType keyType, const Signa
   DerEncoder e;
   if (params.pss) {
     const int salt = params.saltLength < 0 ? static_cast<int>(getHashLength(params.hash)) : params.saltLength;
-    if (keyType != keyRsa || !pssDigest(params.hash) || !pssDigest(params.mgfDigest()) || salt > int(kMaxPssSalt))
+    if (keyType != keyRsa || !isPssDigest(params.hash) || !isPssDigest(params.mgfDigest()) || salt > int(kMaxPssSalt))
       return {};
     DerScope seq = e.beginSequence();
     e.addOid(asn1::oid::rsassaPss.content());

@@ -34,17 +34,6 @@ class Scratch {
 
 Limb borrowMask(Limb borrow) { return static_cast<Limb>(0 - valueBarrier(borrow)); }
 
-// subLimbs sets r = a − b over n limbs and returns the borrow (0 or 1).
-Limb subLimbs(Limb* r, const Limb* a, const Limb* b, std::size_t n) {
-  Limb borrow = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    const Wide t = static_cast<Wide>(a[i]) - b[i] - borrow;
-    r[i] = static_cast<Limb>(t);
-    borrow = static_cast<Limb>(t >> limbBits) & 1;
-  }
-  return borrow;
-}
-
 // addLimbs sets r = a + b over n limbs and returns the carry (0 or 1).
 Limb addLimbs(Limb* r, const Limb* a, const Limb* b, std::size_t n) {
   Limb carry = 0;
@@ -97,6 +86,17 @@ void cios(Limb* __restrict t, const Limb* a, const Limb* b, const Limb* n, const
 }
 
 }  // namespace
+
+// subLimbs sets r = a − b over n limbs and returns the borrow (0 or 1).
+Limb subLimbs(Limb* r, const Limb* a, const Limb* b, std::size_t n) {
+  Limb borrow = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    const Wide t = static_cast<Wide>(a[i]) - b[i] - borrow;
+    r[i] = static_cast<Limb>(t);
+    borrow = static_cast<Limb>(t >> limbBits) & 1;
+  }
+  return borrow;
+}
 
 MontModulus::MontModulus(const BigNum& n) : MontModulus(n, SecretModulus{}) { TESSEL_ASSERT(n.isOdd()); }
 

@@ -95,6 +95,8 @@ class MontModulus {
 // reading every entry, so that a secret index leaves no trace in the memory accesses.
 void select(Limb* r, const Limb* table, std::size_t entries, std::size_t width, std::size_t index);
 
+// subLimbs sets r = a − b over n limbs and returns the borrow (0 or 1); r may alias a or b.
+Limb subLimbs(Limb* r, const Limb* a, const Limb* b, std::size_t n);
 // conditionalCopy copies `width` limbs of a into r when `mask` is all ones and leaves r when zero.
 void conditionalCopy(Limb* r, const Limb* a, std::size_t width, Limb mask);
 

@@ -74,15 +74,8 @@ asn1::blob RsaPublicKey::parseHashFromDerEncoded(unsigned id, asn1::blob block) 
   if (!outer.isAt(asn1::tagOctetString)) return fail("missing hash");
   asn1::blob digest = outer.takeContent();
   if (!outer.atEnd()) return fail("trailing bytes after digest");
-  unsigned expected = 0;
-  switch (id) {
-    case hashMd5: expected = 16; break;
-    case hashSha1: expected = 20; break;
-    case hashSha256: expected = 32; break;
-    case hashSha384: expected = 48; break;
-    case hashSha512: expected = 64; break;
-    default: break;
-  }
+  // The MD5+SHA-1 pair is signed bare and never has a DigestInfo.
+  const unsigned expected = id == hashMd5Sha1 ? 0 : getHashLength(id);
   if (expected == 0 || digest.size() != expected) return fail("bad digest length");
   return digest;
 }

@@ -14,6 +14,7 @@ namespace {
 
 using ct::Limb;
 using ct::limbBits;
+using ct::subLimbs;
 #if defined(__SIZEOF_INT128__)
 using Wide = unsigned __int128;
 #else
@@ -31,17 +32,6 @@ struct Limbs : std::vector<Limb> {
 
 Limb maskOf(Limb bit) { return ct::maskFromBit<Limb>(bit); }
 std::size_t limbsFor(unsigned bits) { return (bits + limbBits - 1) / limbBits; }
-
-// subLimbs sets r = a − b over n limbs and returns the borrow (0 or 1); r may alias a or b.
-Limb subLimbs(Limb* r, const Limb* a, const Limb* b, std::size_t n) {
-  Limb borrow = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    const Wide t = static_cast<Wide>(a[i]) - b[i] - borrow;
-    r[i] = static_cast<Limb>(t);
-    borrow = static_cast<Limb>(t >> limbBits) & 1;
-  }
-  return borrow;
-}
 
 // subWord subtracts the single word v from a, carrying the borrow through every limb.
 void subWord(Limb* a, std::size_t n, Limb v) {

@@ -21,8 +21,6 @@ bool pkcs1Digest(unsigned hash) {
   return hash == hashMd5Sha1 || hash == hashSha1 || hash == hashSha256 || hash == hashSha384 || hash == hashSha512;
 }
 
-bool pssDigest(unsigned hash) { return hash != hashMd5Sha1 && hash != hashMd5 && getHashLength(hash) != 0; }
-
 // mgf1 is the mask generation function of RFC 8017 appendix B.2.1 with the digest `hash`.
 Bytes mgf1(unsigned hash, asn1::blob seed, std::size_t length) {
   std::unique_ptr<Hash> h = createHash(hash);
@@ -136,7 +134,7 @@ bool RsaPublicKey::verify(asn1::blob message, asn1::blob signature, const Signat
   const Bytes digest = calcDigest(params.hash, message);
   if (digest.empty() || em.size() != k) return false;
   if (params.pss)
-    return pssDigest(params.hash) && pssDigest(params.mgfDigest()) &&
+    return isPssDigest(params.hash) && isPssDigest(params.mgfDigest()) &&
            pssVerify_vartime(params, asn1::blob(digest), em, n.bits());
   // Rebuilding the one valid block and comparing it whole leaves a forger no bytes to play with.
   return pkcs1Digest(params.hash) && rsaPkcs1Block(params.hash, asn1::blob(digest), k) == em;
@@ -164,7 +162,7 @@ bool RsaPublicKey::verifyLenient(asn1::blob message, asn1::blob signature, const
 Bytes RsaPrivateKey::sign(asn1::blob message, const SignatureParams& params) const {
   if (!params.pss) return pkcs1Digest(params.hash) ? PrivateKey::sign(message, params) : Bytes();
   const std::size_t sLen = saltLengthOf(params);
-  if (!pssDigest(params.hash) || !pssDigest(params.mgfDigest()) || sLen > 1024) return {};
+  if (!isPssDigest(params.hash) || !isPssDigest(params.mgfDigest()) || sLen > 1024) return {};
   const Bytes digest = calcDigest(params.hash, message);
   Bytes salt(sLen);
   if (digest.empty() || (sLen > 0 && !getDefaultRng().generate(salt.data(), static_cast<unsigned>(sLen)))) return {};
