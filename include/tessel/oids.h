@@ -141,6 +141,15 @@ inline constexpr Oid authorityInfoAccess = oidFromDotted("1.3.6.1.5.5.7.1.1");
 inline constexpr Oid embeddedSctList = oidFromDotted("1.3.6.1.4.1.11129.2.4.2");
 // id-kp: the extended key usages are this followed by one arc.
 inline constexpr Oid idKp = oidFromDotted("1.3.6.1.5.5.7.3");
+// CMS content types and attributes, and the time-stamp content.
+inline constexpr Oid idData = oidFromDotted("1.2.840.113549.1.7.1");
+inline constexpr Oid idSignedData = oidFromDotted("1.2.840.113549.1.7.2");
+inline constexpr Oid contentTypeAttr = oidFromDotted("1.2.840.113549.1.9.3");
+inline constexpr Oid messageDigestAttr = oidFromDotted("1.2.840.113549.1.9.4");
+inline constexpr Oid signingTimeAttr = oidFromDotted("1.2.840.113549.1.9.5");
+inline constexpr Oid idCtTstInfo = oidFromDotted("1.2.840.113549.1.9.16.1.4");
+inline constexpr Oid signingCertificate = oidFromDotted("1.2.840.113549.1.9.16.2.12");
+inline constexpr Oid signingCertificateV2 = oidFromDotted("1.2.840.113549.1.9.16.2.47");
 
 }  // namespace oid
 
@@ -205,6 +214,14 @@ inline constexpr const Oid* kAllOids[] = {
     &oid::authorityInfoAccess,
     &oid::embeddedSctList,
     &oid::idKp,
+    &oid::idData,
+    &oid::idSignedData,
+    &oid::contentTypeAttr,
+    &oid::messageDigestAttr,
+    &oid::signingTimeAttr,
+    &oid::idCtTstInfo,
+    &oid::signingCertificate,
+    &oid::signingCertificateV2,
 };
 
 // SignatureAlgorithm ties a signature OID to its key type, digest and dump name.

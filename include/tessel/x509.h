@@ -104,6 +104,12 @@ class X509Certificate : public X509Base {
   // parsePublicKey reads publicKeyInfo; null when it cannot be read (or its key class is not
   // in this build).
   std::shared_ptr<PublicKey> parsePublicKey() const;
+  // issuerDer returns the issuer Name element exactly as it stands in `tbs` (what CMS signer
+  // identifiers must repeat byte for byte); empty when `tbs` does not parse.
+  asn1::blob issuerDer() const;
+  // findExtension looks up the extension `oid` in `tbs`: true, with its criticality and the
+  // OCTET STRING content, when present; false when absent or `tbs` does not parse.
+  bool findExtension(const asn1::blob& oid, bool* critical, asn1::blob* value) const;
   // setPublicKey stores the key's SubjectPublicKeyInfo; false when the key has no encoding.
   bool setPublicKey(const PublicKey& key);
   // setSubjectPublicKey stores the SubjectPublicKeyInfo of the key's public part only (a

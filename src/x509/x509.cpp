@@ -368,6 +368,37 @@ bool X509Certificate::parseBody(blob der) {
   return true;
 }
 
+namespace {
+// tbsAtIssuer opens `tbs` and steps to the issuer Name (past the version and signature fields).
+bool tbsAtIssuer(blob tbs, asn1::parser* p) {
+  if (!asn1::readOnly(tbs, asn1::tagSequence, p)) return false;
+  if (p->readOptional(asn1::explicitTag(0)) == Presence::malformed) return false;
+  return p->read(asn1::tagInteger) && p->read(asn1::tagSequence) && p->isAt(asn1::tagSequence);
+}
+}  // namespace
+
+blob X509Certificate::issuerDer() const {
+  asn1::parser p;
+  blob name;
+  if (!tbsAtIssuer(blob(tbs), &p) || !p.readElement(asn1::tagSequence, &name)) return {};
+  return name;
+}
+
+bool X509Certificate::findExtension(const blob& oid, bool* critical, blob* value) const {
+  asn1::parser p;
+  blob extensions;
+  if (!tbsAtIssuer(blob(tbs), &p)) return false;
+  while (!p.atEnd() && !p.failed() && p.tag != asn1::explicitTag(3)) p.next();
+  if (!p.read(asn1::explicitTag(3), &extensions)) return false;
+  asn1::parser list(extensions), x;
+  if (!list.read(asn1::tagSequence, &x)) return false;
+  for (; x.tag == asn1::tagSequence; x.next()) {
+    blob found;
+    if (x509::readExtension(x.content, &found, critical, value) && found == oid) return true;
+  }
+  return false;
+}
+
 bool X509Certificate::parseExtensions(blob a3) {
   // The list is the content of [3]'s first element whatever its tag, as certificates have always
   // been read here: an empty [3] (A3 00) is an empty list.
