@@ -41,6 +41,27 @@ struct SignatureParams {
   bool operator==(const SignatureParams&) const = default;
 };
 
+// EncryptionParams says how an RSA key transports a secret: RSAES-PKCS1-v1_5, or RSAES-OAEP
+// with its digest, MGF1 digest (hashNone: the digest) and label (RFC 8017 section 7).
+struct EncryptionParams {
+  bool oaep = false;
+  HashID hash = hashSha1;  // OAEP only
+  HashID mgfHash = hashNone;
+  std::vector<unsigned char> label;
+  // mgfDigest is the MGF1 digest in effect.
+  HashID mgfDigest() const { return mgfHash == hashNone ? hash : mgfHash; }
+  bool operator==(const EncryptionParams&) const = default;
+};
+
+// encodeEncryptionAlgorithm writes the key-transport AlgorithmIdentifier of `params`:
+// rsaEncryption with NULL, or id-RSAES-OAEP with its RFC 4055 parameters (defaults omitted).
+// Empty for an OAEP digest other than SHA-1 to SHA-512.
+std::vector<unsigned char> encodeEncryptionAlgorithm(const EncryptionParams& params);
+// parseEncryptionAlgorithm reads a complete key-transport AlgorithmIdentifier: rsaEncryption
+// (NULL or absent parameters) or id-RSAES-OAEP (SHA-1 to SHA-512, MGF1, an explicit label).
+// False, `params` untouched, for anything else.
+bool parseEncryptionAlgorithm(asn1::blob der, EncryptionParams* params);
+
 // getHashLength is the output length of MD5, SHA-1, SHA-256, SHA-384, SHA-512 and the MD5+SHA-1
 // pair (16, 20, 32, 48, 64, 36); 0 for any other id.
 unsigned getHashLength(unsigned hash);

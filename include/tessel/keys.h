@@ -9,6 +9,7 @@
 
 #include "tessel/algorithm_id.h"
 #include "tessel/asn1.h"
+#include "tessel/rng.h"
 
 namespace tessel {
 
@@ -45,6 +46,13 @@ class PublicKey {
   virtual bool verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const {
     return verify(message, signature, params);
   }
+  // encrypt transports `message` to the holder of the private key as `params` say, randomised
+  // from `rng`: RSA keys only (RSAES-PKCS1-v1_5 or RSAES-OAEP). Empty when the message is too
+  // long for the key, the parameters are unusable or the key cannot encrypt.
+  virtual std::vector<unsigned char> encrypt(asn1::blob message, const EncryptionParams& params, Rng& rng) const {
+    (void)message, (void)params, (void)rng;
+    return {};
+  }
 };
 
 // PrivateKey adds the private operation the signing code uses.
@@ -57,6 +65,22 @@ class PrivateKey : public virtual PublicKey {
   // RSASSA-PSS. Empty when the key cannot sign that way (another digest, PSS on a key that is
   // not RSA, a key that only agrees on secrets).
   virtual std::vector<unsigned char> sign(asn1::blob message, const SignatureParams& params) const;
+  // decrypt undoes encrypt: the message, or empty on any failure, one answer for every cause.
+  // The padding is checked in constant time and only the verdict becomes public; with PKCS#1
+  // v1.5 that verdict is itself an oracle for whoever sees it, so key transport uses decryptKey.
+  virtual std::vector<unsigned char> decrypt(asn1::blob ciphertext, const EncryptionParams& params) const {
+    (void)ciphertext, (void)params;
+    return {};
+  }
+  // decryptKey recovers a `keyLength`-byte content-encryption key. With PKCS#1 v1.5 a ciphertext
+  // that does not hold a key of that length yields a key drawn from `rng` instead, in the same
+  // time and without a sign, so that only the content's decryption fails (RFC 3218). With OAEP,
+  // or when the key cannot decrypt, failure is empty.
+  virtual std::vector<unsigned char> decryptKey(asn1::blob ciphertext, const EncryptionParams& params,
+                                                std::size_t keyLength, Rng& rng) const {
+    (void)ciphertext, (void)params, (void)keyLength, (void)rng;
+    return {};
+  }
   // publicPart returns a new public key object holding this key's public part; null when the
   // public part does not read back.
   std::shared_ptr<PublicKey> publicPart() const;

@@ -99,6 +99,8 @@ inline constexpr Oid ecdsaWithSha384 = oidFromDotted("1.2.840.10045.4.3.3");
 inline constexpr Oid ecdsaWithSha512 = oidFromDotted("1.2.840.10045.4.3.4");
 inline constexpr Oid rsassaPss = oidFromDotted("1.2.840.113549.1.1.10");
 inline constexpr Oid mgf1 = oidFromDotted("1.2.840.113549.1.1.8");
+inline constexpr Oid rsaesOaep = oidFromDotted("1.2.840.113549.1.1.7");
+inline constexpr Oid pSpecified = oidFromDotted("1.2.840.113549.1.1.9");
 
 // Named curves.
 inline constexpr Oid prime192v1 = oidFromDotted("1.2.840.10045.3.1.1");
@@ -181,6 +183,8 @@ inline constexpr const Oid* kAllOids[] = {
     &oid::ecdsaWithSha512,
     &oid::rsassaPss,
     &oid::mgf1,
+    &oid::rsaesOaep,
+    &oid::pSpecified,
     &oid::prime192v1,
     &oid::secp224r1,
     &oid::prime256v1,

@@ -36,6 +36,9 @@ class RsaPublicKey : public virtual PublicKey {
   // parseHashFromDerEncoded (which prints why it refuses one). PSS: verify.
   bool verifyLenient(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
 
+  // encrypt pads `message` (RSAES-OAEP, or PKCS#1 v1.5 with non-zero random padding) and
+  // raises it to e: k bytes, or empty when it is longer than the padding leaves room for.
+  std::vector<unsigned char> encrypt(asn1::blob message, const EncryptionParams& params, Rng& rng) const override;
   // modulusLength is k, the byte length of the modulus.
   unsigned modulusLength() const { return (n.bits() + 7) / 8; }
   // parseHashFromDerEncoded checks a DigestInfo recovered from a signature (padding already
@@ -71,6 +74,10 @@ class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
   // (SHA-1 to SHA-512, MGF1, a fresh random salt from the default source). Empty for another
   // digest, a salt that does not fit the key, or a failed private operation.
   std::vector<unsigned char> sign(asn1::blob message, const SignatureParams& params) const override;
+  // decrypt and decryptKey: see PrivateKey. The ciphertext must be exactly k bytes below n.
+  std::vector<unsigned char> decrypt(asn1::blob ciphertext, const EncryptionParams& params) const override;
+  std::vector<unsigned char> decryptKey(asn1::blob ciphertext, const EncryptionParams& params, std::size_t keyLength,
+                                        Rng& rng) const override;
   // privateOperation returns c^d mod n as k bytes, through the CRT when the key has its CRT
   // values, in constant time on a randomly blinded c; the result is checked against the public
   // exponent. Empty when c >= n, when the key is unusable (an even modulus or prime) or when the

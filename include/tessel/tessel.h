@@ -31,6 +31,7 @@
 #include "tessel/hmac.h"
 #include "tessel/kernel.h"
 #include "tessel/keygen.h"
+#include "tessel/keywrap.h"
 #include "tessel/keys.h"
 #include "tessel/mlkem.h"
 #include "tessel/mlkem_keys.h"

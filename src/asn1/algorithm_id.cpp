@@ -84,22 +84,99 @@ bool readPssParams(asn1::blob content, SignatureParams* out) {
   return true;
 }
 
-void writePssParams(DerEncoder& e, const SignatureParams& params, unsigned salt) {
-  DerScope seq = e.beginSequence();
-  if (params.hash != hashSha1) e.element(asn1::explicitTag(0), [&](DerEncoder& x) { saveHash(x, params.hash); });
-  if (params.mgfDigest() != hashSha1) {
+// writeHashAndMgf writes the [0] hash and [1] MGF1 fields PSS and OAEP parameters share, each
+// left out at its SHA-1 default.
+void writeHashAndMgf(DerEncoder& e, HashID hash, HashID mgfHash) {
+  if (hash != hashSha1) e.element(asn1::explicitTag(0), [&](DerEncoder& x) { saveHash(x, hash); });
+  if (mgfHash != hashSha1) {
     e.element(asn1::explicitTag(1), [&](DerEncoder& x) {
       x.sequence([&](DerEncoder& mgf) {
         mgf.addOid(asn1::oid::mgf1.content());
-        saveHash(mgf, params.mgfDigest());
+        saveHash(mgf, mgfHash);
       });
     });
   }
+}
+
+void writePssParams(DerEncoder& e, const SignatureParams& params, unsigned salt) {
+  DerScope seq = e.beginSequence();
+  writeHashAndMgf(e, params.hash, params.mgfDigest());
   if (salt != kPssDefaultSalt)
     e.element(asn1::explicitTag(2), [&](DerEncoder& x) { x.addInt(asn1::tagInteger, salt); });
 }
 
+// readOaepParams reads RSAES-OAEP-params content; the defaults are SHA-1, MGF1 with SHA-1 and
+// an empty label.
+bool readOaepParams(asn1::blob content, EncryptionParams* out) {
+  EncryptionParams params{true, hashSha1, hashSha1, {}};
+  asn1::parser p(content);
+  asn1::blob field, inner;
+  if (p.readOptional(asn1::explicitTag(0), &field) == asn1::Presence::present)
+    params.hash = onlySequence(field, &inner) ? readHashAlgorithm(inner) : hashNone;
+  if (p.readOptional(asn1::explicitTag(1), &field) == asn1::Presence::present)
+    params.mgfHash = onlySequence(field, &inner) ? readMgf(inner) : hashNone;
+  if (p.readOptional(asn1::explicitTag(2), &field) == asn1::Presence::present) {
+    asn1::parser source;
+    asn1::blob oid, label;
+    if (!onlySequence(field, &inner)) return false;
+    source = asn1::parser(inner);
+    if (!source.read(asn1::tagOid, &oid) || !asn1::oid::pSpecified.is(oid) ||
+        !source.read(asn1::tagOctetString, &label) || !source.atEnd())
+      return false;
+    params.label = label.vec();
+  }
+  if (!p.atEnd() || params.hash == hashNone || params.mgfHash == hashNone) return false;
+  if (params.mgfHash == params.hash) params.mgfHash = hashNone;  // the form callers build
+  *out = std::move(params);
+  return true;
+}
+
 }  // namespace
+
+std::vector<unsigned char> encodeEncryptionAlgorithm(const EncryptionParams& params) {
+  DerEncoder e;
+  if (!params.oaep) {
+    e.sequence([](DerEncoder& s) {
+      s.addOid(asn1::oid::rsaEncryption.content());
+      s.addNull();
+    });
+    return std::move(e.data);
+  }
+  if (!isPssDigest(params.hash) || !isPssDigest(params.mgfDigest())) return {};
+  e.sequence([&](DerEncoder& s) {
+    s.addOid(asn1::oid::rsaesOaep.content());
+    s.sequence([&](DerEncoder& fields) {
+      writeHashAndMgf(fields, params.hash, params.mgfDigest());
+      if (params.label.empty()) return;
+      fields.element(asn1::explicitTag(2), [&](DerEncoder& x) {
+        x.sequence([&](DerEncoder& source) {
+          source.addOid(asn1::oid::pSpecified.content());
+          source.addOctetString(asn1::blob(params.label));
+        });
+      });
+    });
+  });
+  return std::move(e.data);
+}
+
+bool parseEncryptionAlgorithm(asn1::blob der, EncryptionParams* params) {
+  asn1::parser p;
+  asn1::blob oid, content;
+  if (!asn1::readOnly(der, asn1::tagSequence, &p) || !p.read(asn1::tagOid, &oid)) return false;
+  if (asn1::oid::rsaEncryption.is(oid)) {
+    p.skipIf(asn1::tagNull);
+    if (!p.atEnd()) return false;
+    *params = EncryptionParams{};
+    return true;
+  }
+  if (!asn1::oid::rsaesOaep.is(oid)) return false;
+  if (p.atEnd()) {  // all defaults
+    *params = EncryptionParams{true, hashSha1, hashNone, {}};
+    return true;
+  }
+  if (!p.read(asn1::tagSequence, &content) || !p.atEnd()) return false;
+  return readOaepParams(content, params);
+}
 
 bool isPssDigest(unsigned hash) {
   return hash == hashSha1 || hash == hashSha256 || hash == hashSha384 || hash == hashSha512;

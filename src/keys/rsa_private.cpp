@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "core/secret.h"
+#include "tessel/factory.h"
 #include "tessel/rng.h"
 
 namespace tessel::rsa {
@@ -150,6 +151,34 @@ Limb privateOperationMasked(const RsaPrivateKey& key, const BigNum& c, unsigned 
   }
   mn.toBytes(out, k, m);
   return ct::isZeroMask<Limb>(diff) & ct::maskFromBit<Limb>(borrow);
+}
+
+// mgf1 is the mask generation function of RFC 8017 appendix B.2.1 with the digest `hash`.
+std::vector<unsigned char> mgf1(unsigned hash, asn1::blob seed, std::size_t length) {
+  std::unique_ptr<Hash> h = createHash(hash);
+  if (!h) return {};
+  std::vector<unsigned char> mask;
+  mask.reserve(length + h->digestLength());
+  for (std::uint32_t counter = 0; mask.size() < length; ++counter) {
+    const unsigned char c[4] = {static_cast<unsigned char>(counter >> 24), static_cast<unsigned char>(counter >> 16),
+                                static_cast<unsigned char>(counter >> 8), static_cast<unsigned char>(counter)};
+    h->update(seed.span());
+    h->update(c, 4);
+    const std::vector<unsigned char> block = h->digest();
+    mask.insert(mask.end(), block.begin(), block.end());
+  }
+  mask.resize(length);
+  return mask;
+}
+
+void publicOperationSecretInput(const RsaPublicKey& key, const unsigned char* m, unsigned char* out, std::size_t k) {
+  const MontModulus mn(key.n);
+  Residues r(mn, 2);
+  mn.fromBytes(r[0], m, k);
+  mn.toMont(r[1], r[0]);
+  mn.expPublic_vartime(r[0], r[1], key.e);
+  mn.fromMont(r[1], r[0]);
+  mn.toBytes(out, k, r[1]);
 }
 
 }  // namespace tessel::rsa

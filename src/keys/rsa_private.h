@@ -14,4 +14,13 @@ namespace tessel::rsa {
 // out must not be released unless it is all ones. `k` must hold n.
 ct::Limb privateOperationMasked(const RsaPrivateKey& key, const BigNum& c, unsigned char* out, std::size_t k);
 
+// mgf1 is the mask generation function of RFC 8017 appendix B.2.1 with the digest `hash`;
+// empty when the factory has no such digest. It runs in time independent of the seed's value.
+std::vector<unsigned char> mgf1(unsigned hash, asn1::blob seed, std::size_t length);
+
+// publicOperationSecretInput writes m^e mod n for the k-byte block `m` (below n: it starts with
+// a zero byte) as k bytes to `out`, with constant-time products, since the block carries a
+// secret on its way to the key's holder.
+void publicOperationSecretInput(const RsaPublicKey& key, const unsigned char* m, unsigned char* out, std::size_t k);
+
 }  // namespace tessel::rsa

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "core/secret.h"
+#include "keys/rsa_private.h"
 #include "tessel/factory.h"
 #include "tessel/reducer.h"
 #include "tessel/rng.h"
@@ -19,24 +20,6 @@ using Bytes = std::vector<unsigned char>;
 // the MD5+SHA-1 pair stays for the TLS 1.0 handshakes hosts still speak.
 bool pkcs1Digest(unsigned hash) {
   return hash == hashMd5Sha1 || hash == hashSha1 || hash == hashSha256 || hash == hashSha384 || hash == hashSha512;
-}
-
-// mgf1 is the mask generation function of RFC 8017 appendix B.2.1 with the digest `hash`.
-Bytes mgf1(unsigned hash, asn1::blob seed, std::size_t length) {
-  std::unique_ptr<Hash> h = createHash(hash);
-  if (!h) return {};
-  Bytes mask;
-  mask.reserve(length + h->digestLength());
-  for (std::uint32_t counter = 0; mask.size() < length; ++counter) {
-    const unsigned char c[4] = {static_cast<unsigned char>(counter >> 24), static_cast<unsigned char>(counter >> 16),
-                                static_cast<unsigned char>(counter >> 8), static_cast<unsigned char>(counter)};
-    h->update(seed.span());
-    h->update(c, 4);
-    const Bytes block = h->digest();
-    mask.insert(mask.end(), block.begin(), block.end());
-  }
-  mask.resize(length);
-  return mask;
 }
 
 // pssHash is H = Hash(00 x 8 || mHash || salt).
@@ -62,7 +45,7 @@ Bytes pssEncode(const SignatureParams& params, asn1::blob mHash, asn1::blob salt
   if (emLen < hLen + salt.size() + 2) return {};
   const Bytes h = pssHash(params.hash, mHash, salt);
   const std::size_t dbLen = emLen - hLen - 1;
-  Bytes db = mgf1(params.mgfDigest(), asn1::blob(h), dbLen);
+  Bytes db = rsa::mgf1(params.mgfDigest(), asn1::blob(h), dbLen);
   if (h.empty() || db.size() != dbLen) return {};
   db[dbLen - salt.size() - 1] ^= 0x01;
   for (std::size_t i = 0; i < salt.size(); ++i) db[dbLen - salt.size() + i] ^= salt[i];
@@ -86,7 +69,7 @@ bool pssVerify_vartime(const SignatureParams& params, asn1::blob mHash, const By
   const unsigned char topMask = static_cast<unsigned char>(0xFF << (8 - (8 * emLen - emBits)));
   if (8 * emLen != emBits && (m[0] & topMask) != 0) return false;
   const asn1::blob h(m.start + dbLen, m.start + dbLen + hLen);
-  Bytes db = mgf1(params.mgfDigest(), h, dbLen);
+  Bytes db = rsa::mgf1(params.mgfDigest(), h, dbLen);
   if (db.size() != dbLen) return false;
   for (std::size_t i = 0; i < dbLen; ++i) db[i] ^= m[i];
   db[0] &= static_cast<unsigned char>(0xFF >> (8 * emLen - emBits));
