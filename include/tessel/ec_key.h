@@ -79,6 +79,8 @@ class EcPrivateKey : public EcPublicKey, public PrivateKey {
   // deriveSharedSecret returns the ECDH secret, the x-coordinate of d·Q as the curve's byte
   // length; empty when `peer` is on another curve or its point Q does not lie on the curve.
   std::vector<unsigned char> deriveSharedSecret(const EcPublicKey& peer) const;
+  // agree is deriveSharedSecret for a peer that is an EC key; empty for any other.
+  std::vector<unsigned char> agree(const PublicKey& peer) const override;
   // setPrivateKey installs d on `c` and computes Q; false when d is not in [1, n-1].
   bool setPrivateKey(Curve c, const BigNum& scalar);
   // generate installs a scalar drawn uniformly from [1, n-1] on `c` with `rng` (by rejection) and

@@ -93,6 +93,8 @@ class X25519PrivateKey : public X25519PublicKey, public Key25519Private {
   // deriveSharedSecret returns the 32-byte X25519 secret with `peer`, or empty when the
   // result would be all zero (a small-order peer key).
   std::vector<unsigned char> deriveSharedSecret(const X25519PublicKey& peer) const;
+  // agree is deriveSharedSecret for a peer that is an X25519 key; empty for any other.
+  std::vector<unsigned char> agree(const PublicKey& peer) const override;
 
  protected:
   void derivePublic() override;

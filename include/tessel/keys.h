@@ -81,6 +81,13 @@ class PrivateKey : public virtual PublicKey {
     (void)ciphertext, (void)params, (void)keyLength, (void)rng;
     return {};
   }
+  // agree returns the raw key-agreement secret with `peer`: the ECDH x-coordinate on the same
+  // NIST curve, or the X25519 output. Empty when the key does not agree on secrets, `peer` is of
+  // another type or curve, or the result is degenerate (a small-order X25519 point).
+  virtual std::vector<unsigned char> agree(const PublicKey& peer) const {
+    (void)peer;
+    return {};
+  }
   // publicPart returns a new public key object holding this key's public part; null when the
   // public part does not read back.
   std::shared_ptr<PublicKey> publicPart() const;

@@ -51,3 +51,4 @@
 #include "tessel/x25519.h"
 #include "tessel/x509.h"
 #include "tessel/x509_path.h"
+#include "tessel/x963_kdf.h"

@@ -55,16 +55,34 @@ std::shared_ptr<X509Certificate> findSigner(const PKCS7SignedData& sd, const PKC
   return store->findCertificate([&s](const X509Certificate& c) { return s.identifies(c); });
 }
 
+// ContentDigests digests the content once per digest algorithm, however many signers share it,
+// so that a message of many signers over large content costs signers plus size, not their
+// product.
+class ContentDigests {
+ public:
+  explicit ContentDigests(blob data) : data_(data) {}
+  const Bytes& of(HashID hash) {
+    for (const auto& [h, d] : done_)
+      if (h == hash) return d;
+    done_.emplace_back(hash, calcDigest(hash, data_));
+    return done_.back().second;
+  }
+
+ private:
+  blob data_;
+  std::vector<std::pair<HashID, Bytes>> done_;
+};
+
 // checkAttributes checks contentType and messageDigest against the content.
 CmsVerifyResult checkAttributes(const PKCS7SignedData& sd, const PKCS7SignerInfo& s, std::size_t i, HashID digest,
-                                blob data) {
+                                ContentDigests& digests) {
   const Bytes* type = singleValue(s, asn1::oid::contentTypeAttr);
   const Bytes* md = singleValue(s, asn1::oid::messageDigestAttr);
   if (!type || !md) return failure(cmsMissingAttribute, i, "contentType or messageDigest attribute missing");
   blob typeOid, mdValue;
   if (!asn1::parser(blob(*type)).isAt(asn1::tagOid, &typeOid) || typeOid != blob(sd.contentType))
     return failure(cmsContentTypeMismatch, i, "contentType attribute differs from the content type");
-  if (!asn1::parser(blob(*md)).isAt(asn1::tagOctetString, &mdValue) || mdValue != blob(calcDigest(digest, data)))
+  if (!asn1::parser(blob(*md)).isAt(asn1::tagOctetString, &mdValue) || mdValue != blob(digests.of(digest)))
     return failure(cmsDigestMismatch, i, "message digest differs from the content's digest");
   return {};
 }
@@ -99,8 +117,8 @@ CmsVerifyResult checkPath(const PKCS7SignedData& sd, std::shared_ptr<X509Certifi
   return failure(cmsUntrusted, i, "signer certificate path: " + (why.empty() ? std::string(pathCodeText(code)) : why));
 }
 
-CmsVerifyResult verifySigner(const PKCS7SignedData& sd, std::size_t i, blob data, const CmsVerifyOptions& options,
-                             std::shared_ptr<X509Certificate>* signer) {
+CmsVerifyResult verifySigner(const PKCS7SignedData& sd, std::size_t i, blob data, ContentDigests& digests,
+                             const CmsVerifyOptions& options, std::shared_ptr<X509Certificate>* signer) {
   const PKCS7SignerInfo& s = sd.signerInfos[i];
   const HashID digest = s.digest();
   KeyType type;
@@ -114,7 +132,7 @@ CmsVerifyResult verifySigner(const PKCS7SignedData& sd, std::size_t i, blob data
   if (key->getKeyType() != type) return failure(cmsUnsupportedAlgorithm, i, "signature algorithm does not fit the key");
   Bytes signedBytes;
   if (!s.signedAttrs.empty()) {
-    if (CmsVerifyResult r = checkAttributes(sd, s, i, digest, data); !r) return r;
+    if (CmsVerifyResult r = checkAttributes(sd, s, i, digest, digests); !r) return r;
     signedBytes = s.signedAttributesForSignature();
   }
   const blob message = s.signedAttrs.empty() ? data : blob(signedBytes);
@@ -140,9 +158,10 @@ CmsVerifyResult PKCS7SignedData::verify(const CmsVerifyOptions& options) const {
     return result;
   }
   const blob data = detached ? options.detachedContent : blob(content);
+  ContentDigests digests(data);
   for (std::size_t i = 0; i < signerInfos.size(); ++i) {
     std::shared_ptr<X509Certificate> signer;
-    if (CmsVerifyResult r = verifySigner(*this, i, data, options, &signer); !r) return r;
+    if (CmsVerifyResult r = verifySigner(*this, i, data, digests, options, &signer); !r) return r;
     result.signerCertificates.push_back(std::move(signer));
   }
   return result;

@@ -302,6 +302,12 @@ std::vector<unsigned char> EcPrivateKey::signHashed(unsigned hashId, asn1::blob 
   }
 }
 
+std::vector<unsigned char> EcPrivateKey::agree(const PublicKey& peer) const {
+  // PublicKey is a virtual base, so only dynamic_cast can find the EC part of the peer.
+  const auto* ec = peer.getKeyType() == keyEc ? dynamic_cast<const EcPublicKey*>(&peer) : nullptr;
+  return ec ? deriveSharedSecret(*ec) : std::vector<unsigned char>();
+}
+
 std::vector<unsigned char> EcPrivateKey::deriveSharedSecret(const EcPublicKey& peer) const {
   if (peer.curve != curve) return {};
   const nist::CtCurve* cc = nist::CtCurve::forCurve(curve);

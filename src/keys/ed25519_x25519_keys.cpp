@@ -94,6 +94,12 @@ std::vector<unsigned char> Ed25519PrivateKey::signHashed(unsigned hashId, asn1::
 
 void X25519PrivateKey::derivePublic() { x25519::publicKey(publicKey.data(), privateKey.data()); }
 
+std::vector<unsigned char> X25519PrivateKey::agree(const PublicKey& peer) const {
+  // PublicKey is a virtual base, so only dynamic_cast can find the X25519 part of the peer.
+  const auto* x = peer.getKeyType() == keyX25519 ? dynamic_cast<const X25519PublicKey*>(&peer) : nullptr;
+  return x ? deriveSharedSecret(*x) : std::vector<unsigned char>();
+}
+
 std::vector<unsigned char> X25519PrivateKey::deriveSharedSecret(const X25519PublicKey& peer) const {
   std::vector<unsigned char> secret(x25519::keySize);
   if (!x25519::scalarMult(secret.data(), privateKey.data(), peer.publicKey.data())) return {};
