@@ -1,7 +1,8 @@
 // Writes the CMS fuzz seeds that only tessel makes (OpenSSL 3.0 signs neither with Ed25519 nor
 // nested signed-data this way). Built and run by fuzz/make_cms_seeds.sh:
 //   cms_seed_writer KEYS_DIR CERTS_DIR OUT_DIR
-// KEYS_DIR holds <name>.pkcs8.pem, CERTS_DIR the matching <name>.pem certificates.
+// KEYS_DIR holds <name>.pkcs8.pem, CERTS_DIR the matching <name>.pem certificates and ca.pem,
+// their issuer.
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -75,11 +76,14 @@ int main(int argc, char** argv) {
   }
   const std::string text = "tessel fuzz seed content\n";
   const Bytes content(text.begin(), text.end());
-  tessel::CmsSignOptions plain, nestedOptions, noTime, keyId;
+  tessel::CmsSignOptions plain, nestedOptions, noTime;
   nestedOptions.contentType = tessel::asn1::oid::idSignedData.content().vec();
   noTime.withSigningTime = false;
 
-  bool ok = write(out, "tessel-ed25519", sign(content, {signer(ed, {})}, plain));
+  // The CA rides along with the Ed25519 signer, so that its path validates from the message.
+  tessel::CmsSigner edWithCa = signer(ed, {});
+  if (auto ca = tessel::readCertFromFile(certs + "/ca.pem")) edWithCa.chain.push_back(std::move(ca));
+  bool ok = write(out, "tessel-ed25519", sign(content, {edWithCa}, plain));
   tessel::CmsSigner edById = signer(ed, {});
   edById.bySubjectKeyId = true;
   ok &= write(out, "tessel-ed25519-keyid-notime", sign(content, {edById}, noTime));
@@ -87,7 +91,8 @@ int main(int argc, char** argv) {
   // Nested: the inner message whole (its ContentInfo, as some writers do) and bare (RFC 5652).
   const Bytes inner = sign(content, {signer(ec, {tessel::hashSha256})}, plain);
   ok &= write(out, "tessel-nested-contentinfo", sign(inner, {signer(ed, {})}, nestedOptions));
-  ok &= write(out, "tessel-nested-bare", sign(bareSignedData(inner), {signer(ec, {tessel::hashSha256})}, nestedOptions));
+  ok &=
+      write(out, "tessel-nested-bare", sign(bareSignedData(inner), {signer(ec, {tessel::hashSha256})}, nestedOptions));
   Bytes deep = inner;
   for (int level = 0; level < 3; ++level) deep = sign(deep, {signer(ec, {tessel::hashSha256})}, nestedOptions);
   ok &= write(out, "tessel-nested-deep", deep);

@@ -33,9 +33,9 @@ sign() {
   openssl cms -sign -binary -outform DER -in "$tmp/data.txt" -signer "$tmp/$k.pem" -inkey $keys/$k.pkcs8.pem \
     "$@" -out "$out/openssl-$name"
 }
-sign rsa2048 rsa2048 -nodetach -md sha256
+sign rsa2048 rsa2048 -nodetach -md sha256 -certfile "$tmp/ca.pem"
 sign rsa2048-pss rsa2048 -nodetach -md sha384 -keyopt rsa_padding_mode:pss
-sign ec256 ec256 -nodetach -md sha256
+sign ec256 ec256 -nodetach -md sha256 -certfile "$tmp/ca.pem"
 sign ec256-noattr ec256 -nodetach -noattr
 sign ec256-keyid ec256 -nodetach -keyid
 sign ec256-detached ec256 -md sha512
