@@ -28,7 +28,8 @@ ORDER = [
     ["asn1"],
     ["keys"],
     ["x509"],
-    ["cms", "trust"],
+    ["trust"],
+    ["cms"],  # signed messages find and validate their signers through the store
 ]
 SIDE = {"auth": "ec"}  # side layer -> the highest layer it may use
 
@@ -36,6 +37,7 @@ SIDE = {"auth": "ec"}  # side layer -> the highest layer it may use
 HEADER_LAYERS = {
     "tessel/blob.h": "core",
     "tessel/keys.h": "keys",
+    "tessel/cms.h": "cms",
     "tessel/tessel.h": None,  # the umbrella: for hosts only, never included by the library
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,6 +31,14 @@ class CertificateStore {
   // findCrl returns a CRL issued by the issuer of `cert` (matched by name, and by key
   // identifier where the CRL and the certificate both carry one); empty when none is held.
   virtual std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const = 0;
+  // findCertificate returns the first certificate for which `match` is true (signed messages
+  // name their signer by issuer and serial number, or by key id); empty when none is. A store
+  // that cannot list its certificates keeps this default, which finds nothing.
+  virtual std::shared_ptr<X509Certificate> findCertificate(
+      const std::function<bool(const X509Certificate&)>& match) const {
+    (void)match;
+    return nullptr;
+  }
 };
 
 // CertificateMemoryStore keeps certificates and CRLs in memory, in load order. Loads only
@@ -68,6 +77,9 @@ class CertificateMemoryStore : public CertificateStore {
   std::shared_ptr<X509Certificate> findIssuer(const DistinguishedName& issuer,
                                               const asn1::blob& authorityKeyId) const override;
   std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const override;
+  // findCertificate scans the certificates in load order.
+  std::shared_ptr<X509Certificate> findCertificate(
+      const std::function<bool(const X509Certificate&)>& match) const override;
 
  private:
   struct Index;

@@ -24,8 +24,8 @@ namespace tessel {
 // PKCS7Attribute is one CMS attribute: its type and the values of its SET, each a whole DER
 // element as found.
 struct PKCS7Attribute {
-  std::vector<unsigned char> type;                  // OID content bytes
-  std::vector<std::vector<unsigned char>> values;   // whole elements
+  std::vector<unsigned char> type;                 // OID content bytes
+  std::vector<std::vector<unsigned char>> values;  // whole elements
 
   // encode writes SEQUENCE { OID, SET OF values }, the values in the order held.
   std::vector<unsigned char> encode() const;
@@ -35,13 +35,13 @@ struct PKCS7Attribute {
 // identifier), with which digest and signature algorithm, over which attributes.
 class PKCS7SignerInfo {
  public:
-  unsigned version = 1;                          // 1: issuer and serial; 3: subject key id
-  std::vector<unsigned char> issuer;             // whole issuer Name element (version 1)
-  std::vector<unsigned char> serial;             // serialNumber INTEGER content (version 1)
-  std::vector<unsigned char> subjectKeyId;       // version 3
-  std::vector<unsigned char> digestAlgorithm;    // whole AlgorithmIdentifier element
-  std::vector<unsigned char> signatureAlgorithm; // whole AlgorithmIdentifier element
-  std::vector<unsigned char> signedAttrs;        // whole [0] element as found; empty when absent
+  unsigned version = 1;                           // 1: issuer and serial; 3: subject key id
+  std::vector<unsigned char> issuer;              // whole issuer Name element (version 1)
+  std::vector<unsigned char> serial;              // serialNumber INTEGER content (version 1)
+  std::vector<unsigned char> subjectKeyId;        // version 3
+  std::vector<unsigned char> digestAlgorithm;     // whole AlgorithmIdentifier element
+  std::vector<unsigned char> signatureAlgorithm;  // whole AlgorithmIdentifier element
+  std::vector<unsigned char> signedAttrs;         // whole [0] element as found; empty when absent
   std::vector<PKCS7Attribute> signedAttributes;
   std::vector<PKCS7Attribute> unsignedAttributes;
   std::vector<unsigned char> signature;
@@ -83,10 +83,10 @@ enum CmsCode : unsigned {
 
 // CmsVerifyOptions says what a verification may use beyond the message itself.
 struct CmsVerifyOptions {
-  asn1::blob detachedContent;                // the content, when the message carries none
-  const CertificateStore* store = nullptr;   // where signer certificates are also looked for
-  bool validatePath = false;                 // validate each signer's path through `store`
-  TimePoint at = TimePoint::now();           // the validation time
+  asn1::blob detachedContent;               // the content, when the message carries none
+  const CertificateStore* store = nullptr;  // where signer certificates are also looked for
+  bool validatePath = false;                // validate each signer's path through `store`
+  TimePoint at = TimePoint::now();          // the validation time
 };
 
 // CmsVerifyResult is the outcome: a CmsCode, a one-line reason for anything but success, the
@@ -129,15 +129,15 @@ class PKCS7SignedData {
   static constexpr unsigned kMaxDepth = 4;
 
   unsigned version = 1;
-  std::vector<std::vector<unsigned char>> digestAlgorithms;  // whole AlgorithmIdentifier elements
-  std::vector<unsigned char> contentType;                    // eContentType OID content
-  bool detached = false;                                     // no eContent
-  std::vector<unsigned char> content;                        // eContent OCTET STRING content
-  std::unique_ptr<PKCS7SignedData> nested;                   // when the content is signed-data
-  std::vector<std::vector<unsigned char>> certificateDer;    // as found, in order
+  std::vector<std::vector<unsigned char>> digestAlgorithms;    // whole AlgorithmIdentifier elements
+  std::vector<unsigned char> contentType;                      // eContentType OID content
+  bool detached = false;                                       // no eContent
+  std::vector<unsigned char> content;                          // eContent OCTET STRING content
+  std::unique_ptr<PKCS7SignedData> nested;                     // when the content is signed-data
+  std::vector<std::vector<unsigned char>> certificateDer;      // as found, in order
   std::vector<std::shared_ptr<X509Certificate>> certificates;  // those that parse
   std::vector<std::vector<unsigned char>> crlDer;
-  std::vector<std::shared_ptr<X509Crl>> crls;                // those that parse
+  std::vector<std::shared_ptr<X509Crl>> crls;  // those that parse
   std::vector<PKCS7SignerInfo> signerInfos;
 
   PKCS7SignedData() = default;

@@ -51,9 +51,9 @@ class TimeStampResponse {
 
 // TimeStampFailure are the PKIFailureInfo bits an authority refuses a request with.
 enum TimeStampFailure : unsigned {
-  tsBadAlg = 0,               // unrecognised or unsupported digest
-  tsBadRequest = 2,           // transaction not permitted or supported
-  tsBadDataFormat = 5,        // the imprint's length does not fit its digest
+  tsBadAlg = 0,         // unrecognised or unsupported digest
+  tsBadRequest = 2,     // transaction not permitted or supported
+  tsBadDataFormat = 5,  // the imprint's length does not fit its digest
   tsTimeNotAvailable = 14,
   tsUnacceptedPolicy = 15,
   tsUnacceptedExtension = 16,
@@ -67,14 +67,14 @@ struct TSTInfo {
   HashID hash = hashNone;                    // message imprint digest
   std::vector<unsigned char> hashAlgorithm;  // whole AlgorithmIdentifier element as found
   std::vector<unsigned char> digest;
-  std::vector<unsigned char> serial;         // INTEGER content as encoded
-  TimePoint genTime;                         // whole seconds
-  std::string genTimeText;                   // the GeneralizedTime as found, fraction included
+  std::vector<unsigned char> serial;  // INTEGER content as encoded
+  TimePoint genTime;                  // whole seconds
+  std::string genTimeText;            // the GeneralizedTime as found, fraction included
   // accuracy in seconds, milliseconds and microseconds; all -1 when absent
   std::int32_t accuracySeconds = -1, accuracyMillis = -1, accuracyMicros = -1;
   bool ordering = false;
-  std::vector<unsigned char> nonce;          // INTEGER content as encoded; empty when absent
-  std::vector<unsigned char> tsaName;        // whole [0] element; empty when absent
+  std::vector<unsigned char> nonce;    // INTEGER content as encoded; empty when absent
+  std::vector<unsigned char> tsaName;  // whole [0] element; empty when absent
 
   // parse reads a DER TSTInfo; false on any structural fault or an extension (none is
   // understood, so none is accepted).
@@ -92,9 +92,9 @@ struct TimeStampAuthority {
   std::shared_ptr<X509Certificate> certificate;
   std::vector<std::shared_ptr<X509Certificate>> chain;  // included after the certificate
   SignatureParams params{hashSha256};
-  std::vector<unsigned char> policy;                     // default policy OID content
+  std::vector<unsigned char> policy;                         // default policy OID content
   std::vector<std::vector<unsigned char>> acceptedPolicies;  // besides `policy`
-  std::int32_t accuracySeconds = 1;                     // -1 leaves accuracy out
+  std::int32_t accuracySeconds = 1;                          // -1 leaves accuracy out
 
   // grant answers `request` at `now` with token serial number `serial` (INTEGER content,
   // positive and at most 20 bytes). A request the authority cannot serve (unknown digest, an
@@ -102,8 +102,7 @@ struct TimeStampAuthority {
   // the failure bit; the DER of the TimeStampResp is returned either way. Empty only when the
   // authority itself is unusable (no key, a certificate without the critical timeStamping
   // purpose, a serial out of range).
-  std::vector<unsigned char> grant(const TimeStampRequest& request, TimePoint now,
-                                   asn1::blob serial) const;
+  std::vector<unsigned char> grant(const TimeStampRequest& request, TimePoint now, asn1::blob serial) const;
 };
 
 // TimeStampCode says why a response does not answer its request; tsValid is success.
@@ -114,11 +113,11 @@ enum TimeStampCode : unsigned {
   tsBadTstInfo = 3,       // the TSTInfo does not parse
   tsImprintMismatch = 4,  // digest or digest algorithm differs from the request
   tsNonceMismatch = 5,
-  tsPolicyMismatch = 6,   // the request asked for a policy and the token has another
-  tsBadSignature = 7,     // the token's SignedData does not verify (see reason)
-  tsBadSigner = 8,        // not exactly one signer, or no certificate for it
-  tsNotTsaCertificate = 9,      // the signer certificate lacks the critical timeStamping purpose
-  tsSigningCertMismatch = 10,   // the ESS signing certificate attribute is missing or names another
+  tsPolicyMismatch = 6,        // the request asked for a policy and the token has another
+  tsBadSignature = 7,          // the token's SignedData does not verify (see reason)
+  tsBadSigner = 8,             // not exactly one signer, or no certificate for it
+  tsNotTsaCertificate = 9,     // the signer certificate lacks the critical timeStamping purpose
+  tsSigningCertMismatch = 10,  // the ESS signing certificate attribute is missing or names another
 };
 
 // TimeStampCheck is the outcome of verifyTimeStamp: a TimeStampCode, a one-line reason for

@@ -211,6 +211,13 @@ std::shared_ptr<X509Certificate> CertificateMemoryStore::findIssuer(const Distin
   return scanIssuer(certificates, issuer, authorityKeyId);
 }
 
+std::shared_ptr<X509Certificate> CertificateMemoryStore::findCertificate(
+    const std::function<bool(const X509Certificate&)>& match) const {
+  for (const std::shared_ptr<X509Certificate>& c : certificates)
+    if (c && match(*c)) return c;
+  return nullptr;
+}
+
 std::shared_ptr<X509Crl> CertificateMemoryStore::findCrl(const X509Certificate& cert) const {
   const std::uint64_t key = nameHash(cert.issuer);
   std::shared_ptr<X509Crl> found;
