@@ -163,17 +163,6 @@ bool parseTime(std::string_view text, tessel::TimePoint* out) {
   return true;
 }
 
-// reasonOf names the codes that carry no reason text of their own.
-const char* reasonOf(unsigned code) {
-  switch (code) {
-    case tessel::pathValid: return "chain valid";
-    case tessel::pathEmpty: return "empty chain";
-    case tessel::pathNotCa: return "a certificate above the first is not a CA";
-    case tessel::pathNoAnchor: return "no certificate of the chain is held by the store";
-    default: return "";
-  }
-}
-
 // addToStore loads a directory of certificates and CRLs, or a PEM file of certificates.
 bool addToStore(tessel::CertificateMemoryStore& store, const char* path) {
   struct stat st {};
@@ -255,7 +244,7 @@ int cmdVerify(int argc, char** argv) {
   if (!chain.empty()) x509BuildPath(store, chain, nullptr);
   std::string reason;
   const unsigned code = x509ValidatePath(chain, store, o.now, o.host, o.ip, o.email, o.crlCheck, &reason);
-  std::cout << "code " << code << ": " << (reason.empty() ? reasonOf(code) : reason) << "\n";
+  std::cout << "code " << code << ": " << (reason.empty() ? tessel::pathCodeText(code) : reason) << "\n";
   return code == pathValid ? 0 : 1;
 }
 
@@ -269,10 +258,12 @@ int main(int argc, char** argv) {
   if (cmd == "genkey") return cmdGenkey(argc, argv);
   if (cmd == "req") return cmdReq(argc, argv);
   if (cmd == "ca") return cmdCa(argc, argv);
+  if (cmd == "cms") return cmdCms(argc, argv);
   std::cerr << "usage: tessel digest ALGO FILE...\n       tessel dump FILE [--password PW]\n"
                "       tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS]\n"
                "       tessel genkey TYPE [OPTIONS]\n       tessel req (--key FILE | --newkey TYPE) [OPTIONS]\n"
                "       tessel ca root|issue|crl [OPTIONS]\n"
+               "       tessel cms sign|verify [OPTIONS]\n"
                "       (each command takes --help)\n";
   return 2;
 }

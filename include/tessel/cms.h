@@ -162,7 +162,8 @@ class PKCS7SignedData {
   // store at `options.at`. The result says which check failed for which signer.
   CmsVerifyResult verify(const CmsVerifyOptions& options = {}) const;
 
-  // sign fills this object with a new SignedData over `content` by each of `signers`. False,
+  // sign fills this object with a new SignedData over `content` by each of `signers` (kept,
+  // like every SET OF, in DER order, which need not be the order given). False,
   // with the object cleared, when a signer lacks a key or certificate or cannot sign as asked.
   bool sign(asn1::blob content, const std::vector<CmsSigner>& signers, const CmsSignOptions& options = {});
 

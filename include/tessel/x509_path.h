@@ -26,15 +26,30 @@ namespace tessel {
 
 // Result codes of x509ValidatePath (7 to 9 come from PathRes::code).
 enum PathCode : unsigned {
-  pathValid = 0, pathEmpty = 1, pathNameMismatch = 2, pathNotCa = 3, pathNotYetValid = 4,
-  pathExpired = 5, pathNoAnchor = 6, pathBadKey = 7, pathBadAlgorithm = 8, pathBadSignature = 9,
-  pathRevoked = 10, pathCrlMissing = 11, pathNameConstraint = 12, pathLenExceeded = 13
+  pathValid = 0,
+  pathEmpty = 1,
+  pathNameMismatch = 2,
+  pathNotCa = 3,
+  pathNotYetValid = 4,
+  pathExpired = 5,
+  pathNoAnchor = 6,
+  pathBadKey = 7,
+  pathBadAlgorithm = 8,
+  pathBadSignature = 9,
+  pathRevoked = 10,
+  pathCrlMissing = 11,
+  pathNameConstraint = 12,
+  pathLenExceeded = 13
 };
 
 // PathRes carries the reason of a signature failure out of verifySignature.
 struct PathRes {
   unsigned code = 0;  // 7 key unreadable, 8 algorithm unusable, 9 set once verification starts
 };
+
+// pathCodeText names the codes that x509ValidatePath returns without a reason text of their
+// own ("chain valid", "empty chain", ...); empty for the others.
+const char* pathCodeText(unsigned code);
 
 // verifySignature checks the signature of `object` (certificate, CRL or request) with the key
 // in the SubjectPublicKeyInfo `publicKeyInfo`: RSA PKCS#1 v1.5 (at least eight 0xFF padding
@@ -56,9 +71,8 @@ bool x509BuildPath(const CertificateStore& store, std::vector<std::shared_ptr<X5
 // leaf's names against `host`, `ip` and `email` (each ignored when empty), name constraints,
 // validity times, revocation when `checkCrl` is set, CA flags, a trust anchor held by `store`,
 // path lengths and signatures. Returns a PathCode; `*error` gets the reason where there is one.
-unsigned x509ValidatePath(const std::vector<std::shared_ptr<X509Certificate>>& chain,
-                          const CertificateStore& store, TimePoint now, std::string_view host,
-                          const ol::IPAddr6& ip, std::string_view email, bool checkCrl,
-                          std::string* error);
+unsigned x509ValidatePath(const std::vector<std::shared_ptr<X509Certificate>>& chain, const CertificateStore& store,
+                          TimePoint now, std::string_view host, const ol::IPAddr6& ip, std::string_view email,
+                          bool checkCrl, std::string* error);
 
 }  // namespace tessel

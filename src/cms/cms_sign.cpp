@@ -1,4 +1,6 @@
 // Signing: a new SignedData over content, by one or more signers.
+#include <algorithm>
+
 #include "cms/cms_internal.h"
 #include "tessel/cms.h"
 #include "tessel/oids.h"
@@ -124,7 +126,18 @@ bool PKCS7SignedData::sign(blob data, const std::vector<CmsSigner>& signers, con
       if (c) addCertificate(&certificateDer, *c);
     signerInfos.push_back(std::move(info));
   }
+  // DER orders every SET OF; OpenSSL does the same, so the signer order it reports is this one.
   cms::sortDerSet(digestAlgorithms);
+  cms::sortDerSet(certificateDer);
+  std::vector<Bytes> encodedSigners;
+  for (const PKCS7SignerInfo& s : signerInfos) encodedSigners.push_back(s.encode());
+  std::vector<std::size_t> order(signerInfos.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t a, std::size_t b) { return cms::derSetLess(encodedSigners[a], encodedSigners[b]); });
+  std::vector<PKCS7SignerInfo> sorted;
+  for (std::size_t i : order) sorted.push_back(std::move(signerInfos[i]));
+  signerInfos = std::move(sorted);
   version = (anyKeyId || !isData) ? 3 : 1;
   for (const Bytes& c : certificateDer) {
     auto cert = std::make_shared<X509Certificate>();

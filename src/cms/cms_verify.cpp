@@ -96,7 +96,7 @@ CmsVerifyResult checkPath(const PKCS7SignedData& sd, std::shared_ptr<X509Certifi
   std::string why;
   const unsigned code = x509ValidatePath(chain, *options.store, options.at, "", ol::IPAddr6(), "", false, &why);
   if (code == pathValid) return {};
-  return failure(cmsUntrusted, i, "signer certificate path: " + (why.empty() ? "code " + std::to_string(code) : why));
+  return failure(cmsUntrusted, i, "signer certificate path: " + (why.empty() ? std::string(pathCodeText(code)) : why));
 }
 
 CmsVerifyResult verifySigner(const PKCS7SignedData& sd, std::size_t i, blob data, const CmsVerifyOptions& options,

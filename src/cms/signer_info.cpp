@@ -48,15 +48,15 @@ bool parseAttributes(blob content, std::vector<PKCS7Attribute>* out) {
 }
 
 // DER orders the members of a SET OF by their encodings, the shorter padded with zero bytes.
-void sortDerSet(std::vector<Bytes>& members) {
-  std::sort(members.begin(), members.end(), [](const Bytes& a, const Bytes& b) {
-    const std::size_t n = std::min(a.size(), b.size());
-    if (int c = n ? std::memcmp(a.data(), b.data(), n) : 0; c != 0) return c < 0;
-    for (std::size_t i = n; i < b.size(); ++i)
-      if (b[i] != 0) return true;  // a padded with zeros is smaller
-    return false;
-  });
+bool derSetLess(const Bytes& a, const Bytes& b) {
+  const std::size_t n = std::min(a.size(), b.size());
+  if (int c = n ? std::memcmp(a.data(), b.data(), n) : 0; c != 0) return c < 0;
+  for (std::size_t i = n; i < b.size(); ++i)
+    if (b[i] != 0) return true;  // a padded with zeros is smaller
+  return false;
 }
+
+void sortDerSet(std::vector<Bytes>& members) { std::stable_sort(members.begin(), members.end(), derSetLess); }
 
 HashID digestFromAlgorithm(blob der) {
   asn1::parser p, inner;

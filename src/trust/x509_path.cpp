@@ -252,4 +252,14 @@ unsigned x509ValidatePath(const Chain& chain, const CertificateStore& store, Tim
   return pathValid;
 }
 
+const char* pathCodeText(unsigned code) {
+  switch (code) {
+    case pathValid: return "chain valid";
+    case pathEmpty: return "empty chain";
+    case pathNotCa: return "a certificate above the first is not a CA";
+    case pathNoAnchor: return "no certificate of the chain is held by the store";
+    default: return "";
+  }
+}
+
 }  // namespace tessel
