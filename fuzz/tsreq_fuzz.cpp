@@ -13,8 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   req.save(out);
   tessel::TimeStampRequest again;
   if (!again.parse(tessel::asn1::blob(out.data))) __builtin_trap();
-  if (again.hash != req.hash || again.digest != req.digest || again.policy != req.policy ||
-      again.nonce != req.nonce || again.certReq != req.certReq)
+  if (again.hash != req.hash || again.digest != req.digest || again.policy != req.policy || again.nonce != req.nonce ||
+      again.certReq != req.certReq)
     __builtin_trap();
   tessel::DerEncoder twice;
   again.save(twice);

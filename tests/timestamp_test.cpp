@@ -33,8 +33,8 @@ Bytes h(const char* hex) { return fromHex(hex); }
 
 const Bytes kVersion1 = h("020101");
 const Bytes kImprint = seq({h("300d06096086480165030402010500"), h("040401020304")});  // SHA-256, 01020304
-const Bytes kPolicy = h("06032a0304");                                                // 1.2.3.4
-const Bytes kZeroNonce = h("0203008001");                                             // leading 00 kept
+const Bytes kPolicy = h("06032a0304");                                                 // 1.2.3.4
+const Bytes kZeroNonce = h("0203008001");                                              // leading 00 kept
 const Bytes kTrue = h("0101ff"), kFalse = h("010100");
 
 struct RequestCase {
@@ -53,9 +53,8 @@ const RequestCase kRequests[] = {
     {"extensions", seq({kVersion1, kImprint, kTrue, h("a0053003060100")}), false, ""},
     {"certReq 01 is no DER BOOLEAN", seq({kVersion1, kImprint, h("010101")}), false, ""},
     {"nonce before policy", seq({kVersion1, kImprint, kZeroNonce, kPolicy, kTrue}), false, ""},
-    {"digest identifier without NULL", seq({kVersion1, seq({h("300b0609608648016503040201"), h("040401020304")}),
-                                            kTrue}),
-     false, ""},
+    {"digest identifier without NULL",
+     seq({kVersion1, seq({h("300b0609608648016503040201"), h("040401020304")}), kTrue}), false, ""},
     {"version missing", seq({kImprint, kTrue}), false, ""},
 };
 
@@ -347,10 +346,11 @@ TEST_F(TimeStampOracle, EachFailureHasItsCodeAndOpensslAgrees) {
   } kCases[] = {
       {"valid", good, req, tsValid, false},
       {"refused", ec.authority.grant(sha1, TimePoint::now(), asn1::blob(serial())), sha1, tsRefused, true},
-      {"content is no TSTInfo", token(tstInfo, ec.authority.certificate, ec.authority.certificate.get(),
-                                      asn1::oid::idData), req, tsNoToken, true},
-      {"TSTInfo does not parse", token(h("3000"), ec.authority.certificate, ec.authority.certificate.get(), oid),
-       req, tsBadTstInfo, true},
+      {"content is no TSTInfo",
+       token(tstInfo, ec.authority.certificate, ec.authority.certificate.get(), asn1::oid::idData), req, tsNoToken,
+       true},
+      {"TSTInfo does not parse", token(h("3000"), ec.authority.certificate, ec.authority.certificate.get(), oid), req,
+       tsBadTstInfo, true},
       {"imprint", good, otherImprint, tsImprintMismatch, true},
       {"nonce", good, otherNonce, tsNonceMismatch, true},
       {"policy", good, otherPolicy, tsPolicyMismatch, true},

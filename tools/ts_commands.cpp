@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
 #include "cli.h"
+#include "commands.h"
 #include "tessel/tessel.h"
 #include "tessel/timestamp.h"
 
@@ -27,7 +27,9 @@ constexpr unsigned kNonceBytes = 8, kSerialBytes = 16;
 
 // parseHex reads an even number of hex digits; false for anything else or for nothing.
 bool parseHex(const std::string& text, Bytes* out) {
-  auto nibble = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10; };
+  auto nibble = [](char c) {
+    return std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
+  };
   if (text.empty() || text.size() % 2) return false;
   for (char c : text)
     if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
@@ -141,8 +143,9 @@ int tsReply(const Options& o) {
   tsa.params = *params;
   const Bytes response = tsa.grant(req, TimePoint::now(), asn1::blob(serial));
   if (response.empty())
-    return failed("cannot stamp: the key must match --cert, which must be valid now with extendedKeyUsage "
-                  "timeStamping (critical), and the serial positive and at most 20 bytes");
+    return failed(
+        "cannot stamp: the key must match --cert, which must be valid now with extendedKeyUsage "
+        "timeStamping (critical), and the serial positive and at most 20 bytes");
   if (!writeOut(o.get("out"), asText(response))) return 1;
   TimeStampResponse resp;
   if (resp.parse(asn1::blob(response)) && resp.status > 1) return failed("the request was refused");

@@ -74,9 +74,9 @@ std::vector<unsigned char> TimeStampAuthority::grant(const TimeStampRequest& req
   if (!stampsDigest(request.hash)) return refusal(tsBadAlg, "the digest is not accepted");
   if (request.digest.size() != getHashLength(request.hash))
     return refusal(tsBadDataFormat, "the imprint's length does not fit its digest");
-  const bool knownPolicy = request.policy.empty() || request.policy == policy ||
-                           std::find(acceptedPolicies.begin(), acceptedPolicies.end(), request.policy) !=
-                               acceptedPolicies.end();
+  const bool knownPolicy =
+      request.policy.empty() || request.policy == policy ||
+      std::find(acceptedPolicies.begin(), acceptedPolicies.end(), request.policy) != acceptedPolicies.end();
   if (!knownPolicy) return refusal(tsUnacceptedPolicy, "the policy is not served");
 
   TSTInfo info;

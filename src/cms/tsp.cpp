@@ -9,7 +9,7 @@ namespace {
 using asn1::blob;
 using Bytes = std::vector<unsigned char>;
 
-constexpr unsigned char kTimeStampingArc = 8;  // id-kp-timeStamping is id-kp 8
+constexpr unsigned char kTimeStampingArc = 8;              // id-kp-timeStamping is id-kp 8
 constexpr unsigned kDirectoryName = asn1::explicitTag(4);  // GeneralName's [4] Name
 
 // namesIssuerSerial reads IssuerSerial { GeneralNames, serialNumber } and says whether it is
