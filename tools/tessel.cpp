@@ -12,6 +12,7 @@
 //                                for a valid chain. T is seconds since 1970 or a UTC date
 //                                "YYYY-MM-DD[THH:MM:SS]"; the default is the current time.
 //   tessel genkey / req / ca     make keys, requests, certificates and CRLs (issue_commands.cpp)
+//   tessel ts query|reply|verify RFC 3161 time-stamps (ts_commands.cpp)
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -259,11 +260,13 @@ int main(int argc, char** argv) {
   if (cmd == "req") return cmdReq(argc, argv);
   if (cmd == "ca") return cmdCa(argc, argv);
   if (cmd == "cms") return cmdCms(argc, argv);
+  if (cmd == "ts") return cmdTs(argc, argv);
   std::cerr << "usage: tessel digest ALGO FILE...\n       tessel dump FILE [--password PW]\n"
                "       tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS]\n"
                "       tessel genkey TYPE [OPTIONS]\n       tessel req (--key FILE | --newkey TYPE) [OPTIONS]\n"
                "       tessel ca root|issue|crl [OPTIONS]\n"
                "       tessel cms sign|verify [OPTIONS]\n"
+               "       tessel ts query|reply|verify [OPTIONS]\n"
                "       (each command takes --help)\n";
   return 2;
 }

@@ -97,11 +97,13 @@ struct TimeStampAuthority {
   std::int32_t accuracySeconds = 1;                          // -1 leaves accuracy out
 
   // grant answers `request` at `now` with token serial number `serial` (INTEGER content,
-  // positive and at most 20 bytes). A request the authority cannot serve (unknown digest, an
-  // imprint of the wrong length, a policy it does not issue under) is refused with status 2 and
-  // the failure bit; the DER of the TimeStampResp is returned either way. Empty only when the
-  // authority itself is unusable (no key, a certificate without the critical timeStamping
-  // purpose, a serial out of range).
+  // positive and at most 20 bytes). A request the authority cannot serve (a version other than
+  // 1, a digest other than SHA-256/384/512, an imprint of the wrong length, a policy it does not
+  // issue under) is refused with status 2 and the failure bit; the DER of the TimeStampResp is
+  // returned either way. The certificate (and chain) go into the token only when the request's
+  // certReq asks for them. Empty only when the authority itself is unusable (no key or policy, a
+  // key that is not the certificate's, a certificate without the critical timeStamping purpose
+  // or not valid at `now`, a serial out of range).
   std::vector<unsigned char> grant(const TimeStampRequest& request, TimePoint now, asn1::blob serial) const;
 };
 
