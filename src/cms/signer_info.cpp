@@ -63,7 +63,9 @@ HashID digestFromAlgorithm(blob der) {
   blob oid;
   if (!asn1::readOnly(der, asn1::tagSequence, &inner) || !inner.read(asn1::tagOid, &oid)) return hashNone;
   inner.skipIf(asn1::tagNull);  // RFC 5754 wants the parameters absent; older writers put NULL
-  return inner.atEnd() ? getHashID(oid) : hashNone;
+  if (!inner.atEnd()) return hashNone;
+  const HashID hash = getHashID(oid);
+  return getHashOid(hash) == oid ? hash : hashNone;  // not the HMAC OIDs getHashID also knows
 }
 
 }  // namespace cms

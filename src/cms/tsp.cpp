@@ -1,5 +1,7 @@
 #include "cms/tsp.h"
 
+#include "cms/cms_internal.h"
+
 #include "tessel/oids.h"
 
 namespace tessel::tsp {
@@ -27,7 +29,8 @@ bool namesCertificate(blob certId, bool v2, const X509Certificate& cert) {
   asn1::parser p(certId);
   HashID hash = v2 ? hashSha256 : hashSha1;
   blob algorithm, certHash, issuerSerial;
-  if (v2 && p.readElement(asn1::tagSequence, &algorithm) && (hash = digestOf(algorithm)) == hashNone) return false;
+  if (v2 && p.readElement(asn1::tagSequence, &algorithm) && (hash = cms::digestFromAlgorithm(algorithm)) == hashNone)
+    return false;
   if (!p.read(asn1::tagOctetString, &certHash)) return false;
   if (blob(calcDigest(hash, blob(cert.serialize()))) != certHash) return false;
   if (p.atEnd()) return true;
@@ -35,16 +38,6 @@ bool namesCertificate(blob certId, bool v2, const X509Certificate& cert) {
 }
 
 }  // namespace
-
-HashID digestOf(blob algorithm) {
-  AlgorithmIdentifier id;
-  asn1::parser p;
-  if (!asn1::readOnly(algorithm, asn1::tagSequence, &p) || !parse(id, asn1::parser(algorithm).content)) return hashNone;
-  static const unsigned char kNull[] = {asn1::tagNull, 0};
-  if (!id.params.empty() && blob(id.params) != blob(kNull, 2)) return hashNone;
-  const HashID hash = getHashID(blob(id.oid));
-  return getHashOid(hash) == blob(id.oid) ? hash : hashNone;  // not the HMAC OIDs getHashID also knows
-}
 
 bool isTimeStampingCertificate(const X509Certificate& cert) {
   bool critical = false;

@@ -1,6 +1,5 @@
-// Pieces the time-stamp authority and the time-stamp check share: digest identifiers as peers
-// write them, the time-stamping purpose and the ESS signing-certificate attributes (RFC 2634,
-// RFC 5035).
+// Pieces the time-stamp authority and the time-stamp check share: the time-stamping purpose and the ESS
+// signing-certificate attributes (RFC 2634, RFC 5035).
 #pragma once
 
 #include <vector>
@@ -9,10 +8,6 @@
 #include "tessel/x509.h"
 
 namespace tessel::tsp {
-
-// digestOf maps a whole digest AlgorithmIdentifier element to its HashID. Peers write the
-// parameters as NULL or leave them out, so both are taken; anything else gives hashNone.
-HashID digestOf(asn1::blob algorithm);
 
 // isTimeStampingCertificate says whether `cert` carries extendedKeyUsage, critical, naming
 // id-kp-timeStamping and nothing else (RFC 3161, 2.3).

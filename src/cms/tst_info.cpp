@@ -1,6 +1,7 @@
 // TSTInfo (RFC 3161, 2.4.2): the content a time-stamp token signs.
 #include <ostream>
 
+#include "cms/cms_internal.h"
 #include "cms/tsp.h"
 #include "tessel/timestamp.h"
 
@@ -38,7 +39,7 @@ bool readImprint(blob content, TSTInfo& t) {
   if (!p.readElement(asn1::tagSequence, &algorithm) || !p.read(asn1::tagOctetString, &digest) || !p.atEnd())
     return false;
   t.hashAlgorithm = algorithm.vec();
-  t.hash = tsp::digestOf(algorithm);
+  t.hash = cms::digestFromAlgorithm(algorithm);
   t.digest = digest.vec();
   return true;
 }
