@@ -2,6 +2,10 @@
 // opens what tessel envelopes, tessel opens what `openssl cms -encrypt` makes, and wrong keys,
 // wrong passwords and damaged messages fail without handing out content.
 #include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/kdf.h>
+#include <openssl/pem.h>
 
 #include <map>
 #include <sstream>
@@ -180,6 +184,59 @@ TEST_F(CmsEnvelopedTest, X25519RoundTrip) {
     EXPECT_EQ(text(tesselOpens(env, "x25519")), kContent);
     EXPECT_FALSE(env.decrypt(*party("ec256").key, *party("x25519").cert));
   }
+}
+
+// opensslX25519Open opens a one-recipient X25519 AES-256-CBC message step by step with
+// libcrypto: X25519, the X9.63 KDF over ECC-CMS-SharedInfo { id-aes256-wrap, [2] 256 bits }
+// with SHA-256, AES key unwrap, AES-256-CBC.
+std::string opensslX25519Open(const PKCS7EnvelopedData& env, const std::string& keyPath) {
+  const CmsRecipientInfo& ri = env.recipientInfos.at(0);
+  if (ri.recipientKeys.size() != 1 || ri.originatorKey.size() != 32) return "bad shape";
+  BIO* bio = BIO_new_file(keyPath.c_str(), "r");
+  EVP_PKEY* priv = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
+  BIO_free(bio);
+  EVP_PKEY* peer = EVP_PKEY_new_raw_public_key(EVP_PKEY_X25519, nullptr, ri.originatorKey.data(), 32);
+  EVP_PKEY_CTX* derive = EVP_PKEY_CTX_new(priv, nullptr);
+  Bytes z(32), kek(32), cek(40), plain(env.encryptedContent.size() + 16);
+  std::size_t zLength = z.size();
+  const bool agreed = EVP_PKEY_derive_init(derive) == 1 && EVP_PKEY_derive_set_peer(derive, peer) == 1 &&
+                      EVP_PKEY_derive(derive, z.data(), &zLength) == 1;
+  EVP_PKEY_CTX_free(derive);
+  EVP_PKEY_free(peer);
+  EVP_PKEY_free(priv);
+  if (!agreed) return "no agreement";
+  Bytes sharedInfo = fromHex("3015300b060960864801650304012da206040400000100");
+  EVP_KDF* kdf = EVP_KDF_fetch(nullptr, "X963KDF", nullptr);
+  EVP_KDF_CTX* kctx = EVP_KDF_CTX_new(kdf);
+  char digest[] = "SHA256";
+  const OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
+                               OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, z.data(), z.size()),
+                               OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, sharedInfo.data(), sharedInfo.size()),
+                               OSSL_PARAM_construct_end()};
+  const bool derived = EVP_KDF_derive(kctx, kek.data(), kek.size(), params) == 1;
+  EVP_KDF_CTX_free(kctx);
+  EVP_KDF_free(kdf);
+  if (!derived) return "no kdf";
+  EVP_CIPHER_CTX* c = EVP_CIPHER_CTX_new();
+  EVP_CIPHER_CTX_set_flags(c, EVP_CIPHER_CTX_FLAG_WRAP_ALLOW);
+  const Bytes& wrapped = ri.recipientKeys[0].encryptedKey;
+  const Bytes iv(env.contentEncryptionAlgorithm.end() - 16, env.contentEncryptionAlgorithm.end());
+  int cekLength = 0, n = 0, last = 0;
+  const bool opened =
+      EVP_DecryptInit_ex(c, EVP_aes_256_wrap(), nullptr, kek.data(), nullptr) == 1 &&
+      EVP_DecryptUpdate(c, cek.data(), &cekLength, wrapped.data(), static_cast<int>(wrapped.size())) == 1 &&
+      cekLength == 32 && EVP_DecryptInit_ex(c, EVP_aes_256_cbc(), nullptr, cek.data(), iv.data()) == 1 &&
+      EVP_DecryptUpdate(c, plain.data(), &n, env.encryptedContent.data(),
+                        static_cast<int>(env.encryptedContent.size())) == 1 &&
+      EVP_DecryptFinal_ex(c, plain.data() + n, &last) == 1;
+  EVP_CIPHER_CTX_free(c);
+  return opened ? std::string(plain.begin(), plain.begin() + n + last) : "not opened";
+}
+
+TEST_F(CmsEnvelopedTest, X25519AgainstLibcrypto) {
+  PKCS7EnvelopedData env;
+  sealed({recipient("x25519")}, CmsContentCipher::aes256Cbc, &env);
+  EXPECT_EQ(opensslX25519Open(env, party("x25519").keyPath), kContent);
 }
 
 TEST_F(CmsEnvelopedTest, SeveralRecipients) {
