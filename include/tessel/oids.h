@@ -146,6 +146,19 @@ inline constexpr Oid idKp = oidFromDotted("1.3.6.1.5.5.7.3");
 // CMS content types and attributes, and the time-stamp content.
 inline constexpr Oid idData = oidFromDotted("1.2.840.113549.1.7.1");
 inline constexpr Oid idSignedData = oidFromDotted("1.2.840.113549.1.7.2");
+inline constexpr Oid idEnvelopedData = oidFromDotted("1.2.840.113549.1.7.3");
+inline constexpr Oid idCtAuthEnvelopedData = oidFromDotted("1.2.840.113549.1.9.16.1.23");
+// Enveloped content: the key-encryption and content-encryption algorithms.
+inline constexpr Oid idAlgPwriKek = oidFromDotted("1.2.840.113549.1.9.16.3.9");
+inline constexpr Oid aes128Wrap = oidFromDotted("2.16.840.1.101.3.4.1.5");
+inline constexpr Oid aes192Wrap = oidFromDotted("2.16.840.1.101.3.4.1.25");
+inline constexpr Oid aes256Wrap = oidFromDotted("2.16.840.1.101.3.4.1.45");
+inline constexpr Oid aes128Gcm = oidFromDotted("2.16.840.1.101.3.4.1.6");
+inline constexpr Oid aes256Gcm = oidFromDotted("2.16.840.1.101.3.4.1.46");
+inline constexpr Oid dhSinglePassStdDhSha1Kdf = oidFromDotted("1.3.133.16.840.63.0.2");
+inline constexpr Oid dhSinglePassStdDhSha256Kdf = oidFromDotted("1.3.132.1.11.1");
+inline constexpr Oid dhSinglePassStdDhSha384Kdf = oidFromDotted("1.3.132.1.11.2");
+inline constexpr Oid dhSinglePassStdDhSha512Kdf = oidFromDotted("1.3.132.1.11.3");
 inline constexpr Oid contentTypeAttr = oidFromDotted("1.2.840.113549.1.9.3");
 inline constexpr Oid messageDigestAttr = oidFromDotted("1.2.840.113549.1.9.4");
 inline constexpr Oid signingTimeAttr = oidFromDotted("1.2.840.113549.1.9.5");
@@ -220,6 +233,18 @@ inline constexpr const Oid* kAllOids[] = {
     &oid::idKp,
     &oid::idData,
     &oid::idSignedData,
+    &oid::idEnvelopedData,
+    &oid::idCtAuthEnvelopedData,
+    &oid::idAlgPwriKek,
+    &oid::aes128Wrap,
+    &oid::aes192Wrap,
+    &oid::aes256Wrap,
+    &oid::aes128Gcm,
+    &oid::aes256Gcm,
+    &oid::dhSinglePassStdDhSha1Kdf,
+    &oid::dhSinglePassStdDhSha256Kdf,
+    &oid::dhSinglePassStdDhSha384Kdf,
+    &oid::dhSinglePassStdDhSha512Kdf,
     &oid::contentTypeAttr,
     &oid::messageDigestAttr,
     &oid::signingTimeAttr,

@@ -16,6 +16,7 @@
 #include "tessel/cipher.h"
 #include "tessel/cmac.h"
 #include "tessel/cms.h"
+#include "tessel/cms_enveloped.h"
 #include "tessel/cpu.h"
 #include "tessel/crl.h"
 #include "tessel/curve25519_weierstrass.h"
