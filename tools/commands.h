@@ -6,3 +6,4 @@ int cmdGenkey(int argc, char** argv);
 int cmdReq(int argc, char** argv);
 int cmdCa(int argc, char** argv);
 int cmdCms(int argc, char** argv);
+int cmdPkcs12(int argc, char** argv);
