@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "cipher/padding.h"
+#include "core/declassify.h"
 #include "core/secret.h"
 #include "tessel/cipher.h"
 
@@ -37,7 +38,9 @@ bool decryptAndUnpad(BlockCipher& cipher, Bytes iv, asn1::blob data, Bytes& out)
   if (data.empty() || data.size() % block != 0) return false;
   out.assign(data.size(), 0);
   CBC_decrypt(cipher, iv.data(), data.data(), static_cast<unsigned>(data.size()), out.data());
-  const std::uint32_t length = detail::pkcs7UnpaddedLength(out.data(), static_cast<std::uint32_t>(out.size()), block);
+  // The verdict, and the length of a good plaintext, are what the caller learns anyway.
+  const std::uint32_t length =
+      ct::declassified(detail::pkcs7UnpaddedLength(out.data(), static_cast<std::uint32_t>(out.size()), block));
   if (length == ~std::uint32_t{0}) {
     ct::wipe(out.data(), out.size());
     out.clear();

@@ -46,17 +46,18 @@ unsigned kdf(tessel::Hash& h) {
   return checksum(k.data(), k.size());
 }
 
-unsigned decryptRc2(unsigned char last) {
+// decryptRc2 encrypts `length` bytes, then decrypts them with the password marked secret.
+unsigned decryptRc2(unsigned length) {
   unsigned char password[10] = {0, 'p', 0, 'a', 0, 's', 0, 's', 0, 0};
-  secret(password, sizeof password);
   // SEQUENCE { OCTET STRING salt, INTEGER 2 }
   const unsigned char params[] = {0x30, 0x0d, 0x04, 0x08, 9, 8, 7, 6, 5, 4, 3, 2, 0x02, 0x01, 0x02};
-  unsigned char ciphertext[24];
-  for (unsigned i = 0; i < sizeof ciphertext; ++i) ciphertext[i] = static_cast<unsigned char>(i * 29 + last);
-  std::vector<unsigned char> plain;
   const auto* scheme = tessel::pbe::findPkcs12Scheme(tessel::asn1::oid::pbeWithShaAnd40BitRc2Cbc.content());
+  std::vector<unsigned char> ciphertext, plain;
+  tessel::pbe::pkcs12Crypt(*scheme, blob(params, sizeof params), blob(password, sizeof password), blob(data, length),
+                           ciphertext, true, 10);
+  secret(password, sizeof password);
   const bool ok = reveal(tessel::pbe::pkcs12Crypt(*scheme, blob(params, sizeof params), blob(password, sizeof password),
-                                                  blob(ciphertext, sizeof ciphertext), plain, false, 10));
+                                                  blob(ciphertext), plain, false, 10));
   return ok ? 1 + checksum(plain.data(), plain.size()) : 0;
 }
 
@@ -71,6 +72,7 @@ int main() {
   tessel::SHA256 sha256;
   tessel::SHA512 sha512;
   std::printf("PKCS#12 derivation SHA-1 %08x, SHA-256 %08x, SHA-512 %08x\n", kdf(sha1), kdf(sha256), kdf(sha512));
-  for (unsigned char last : {0, 1, 2, 3}) std::printf("RC2-40 decryption %u: %08x\n", last, decryptRc2(last));
+  for (unsigned length : {0u, 7u, 8u, 21u})
+    std::printf("RC2-40 decryption of %u bytes: %08x\n", length, decryptRc2(length));
   return 0;
 }
