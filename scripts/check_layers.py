@@ -38,6 +38,7 @@ HEADER_LAYERS = {
     "tessel/blob.h": "core",
     "tessel/keys.h": "keys",
     "tessel/cms.h": "cms",
+    "tessel/cms_encrypted.h": "cms",
     "tessel/cms_enveloped.h": "cms",
     "tessel/tessel.h": None,  # the umbrella: for hosts only, never included by the library
 }

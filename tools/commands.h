@@ -7,3 +7,4 @@ int cmdReq(int argc, char** argv);
 int cmdCa(int argc, char** argv);
 int cmdCms(int argc, char** argv);
 int cmdTs(int argc, char** argv);
+int cmdPkcs12(int argc, char** argv);

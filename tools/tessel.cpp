@@ -261,12 +261,14 @@ int main(int argc, char** argv) {
   if (cmd == "ca") return cmdCa(argc, argv);
   if (cmd == "cms") return cmdCms(argc, argv);
   if (cmd == "ts") return cmdTs(argc, argv);
+  if (cmd == "pkcs12") return cmdPkcs12(argc, argv);
   std::cerr << "usage: tessel digest ALGO FILE...\n       tessel dump FILE [--password PW]\n"
                "       tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS]\n"
                "       tessel genkey TYPE [OPTIONS]\n       tessel req (--key FILE | --newkey TYPE) [OPTIONS]\n"
                "       tessel ca root|issue|crl [OPTIONS]\n"
                "       tessel cms sign|verify [OPTIONS]\n"
                "       tessel ts query|reply|verify [OPTIONS]\n"
+               "       tessel pkcs12 --export|--info|--extract [OPTIONS]\n"
                "       (each command takes --help)\n";
   return 2;
 }

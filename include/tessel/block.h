@@ -1,5 +1,5 @@
-// Raw block ciphers behind the BlockCipher interface (AES-128/192/256, DES, triple DES and the
-// one-byte null cipher) and the RC4 stream cipher.
+// Raw block ciphers behind the BlockCipher interface (AES-128/192/256, DES, triple DES, RC2 and
+// the one-byte null cipher) and the RC4 stream cipher.
 //
 // Block ciphers are keyed once, in the constructor, and are immutable afterwards: one object
 // may encrypt and decrypt any number of blocks. Mode objects own them (cipher.h).
@@ -111,6 +111,27 @@ class DES3 : public BlockCipher {
 
  private:
   DES k1_, k2_, k3_;
+};
+
+// RC2 (RFC 2268) with a 1- to 128-byte key and an effective key length of 1 to 1024 bits (other
+// values abort). Weak and slow: it is here only to read PKCS#12 files in the old public formats
+// (pbeWithSHAAnd40BitRC2-CBC, pbeWithSHAAnd128BitRC2-CBC) and to write them for old appliances.
+// Not for new data.
+class RC2 : public BlockCipher {
+ public:
+  RC2(const unsigned char* key, unsigned keyLen, unsigned effectiveBits);
+  ~RC2() override;
+  RC2(const RC2&) = delete;
+  RC2& operator=(const RC2&) = delete;
+  unsigned blockLength() const override { return 8; }
+  void encrypt(const unsigned char* in, unsigned char* out) const override;
+  void decrypt(const unsigned char* in, unsigned char* out) const override;
+
+ private:
+  // keyWord is k_[index % 64], read without a secret-dependent memory index.
+  std::uint16_t keyWord(unsigned index) const;
+
+  std::uint16_t k_[64];  // the expanded key
 };
 
 // NullBlockCipher is the identity on one-byte blocks (factory cipher id 1). It takes no key.

@@ -76,6 +76,7 @@ inline constexpr Oid sha384 = oidFromDotted("2.16.840.1.101.3.4.2.2");
 inline constexpr Oid sha512 = oidFromDotted("2.16.840.1.101.3.4.2.3");
 inline constexpr Oid hmacWithSha1 = oidFromDotted("1.2.840.113549.2.7");
 inline constexpr Oid hmacWithSha256 = oidFromDotted("1.2.840.113549.2.9");
+inline constexpr Oid hmacWithSha384 = oidFromDotted("1.2.840.113549.2.10");
 inline constexpr Oid hmacWithSha512 = oidFromDotted("1.2.840.113549.2.11");
 
 // Public-key algorithms.
@@ -112,7 +113,11 @@ inline constexpr Oid secp521r1 = oidFromDotted("1.3.132.0.35");
 // Password-based encryption and the CBC ciphers it uses.
 inline constexpr Oid pbes2 = oidFromDotted("1.2.840.113549.1.5.13");
 inline constexpr Oid pbkdf2 = oidFromDotted("1.2.840.113549.1.5.12");
+inline constexpr Oid pbmac1 = oidFromDotted("1.2.840.113549.1.5.14");
 inline constexpr Oid pbeWithShaAnd3KeyTripleDesCbc = oidFromDotted("1.2.840.113549.1.12.1.3");
+inline constexpr Oid pbeWithShaAnd2KeyTripleDesCbc = oidFromDotted("1.2.840.113549.1.12.1.4");
+inline constexpr Oid pbeWithShaAnd128BitRc2Cbc = oidFromDotted("1.2.840.113549.1.12.1.5");
+inline constexpr Oid pbeWithShaAnd40BitRc2Cbc = oidFromDotted("1.2.840.113549.1.12.1.6");
 inline constexpr Oid desEde3Cbc = oidFromDotted("1.2.840.113549.3.7");
 inline constexpr Oid aes128Cbc = oidFromDotted("2.16.840.1.101.3.4.1.2");
 inline constexpr Oid aes192Cbc = oidFromDotted("2.16.840.1.101.3.4.1.22");
@@ -159,12 +164,24 @@ inline constexpr Oid dhSinglePassStdDhSha1Kdf = oidFromDotted("1.3.133.16.840.63
 inline constexpr Oid dhSinglePassStdDhSha256Kdf = oidFromDotted("1.3.132.1.11.1");
 inline constexpr Oid dhSinglePassStdDhSha384Kdf = oidFromDotted("1.3.132.1.11.2");
 inline constexpr Oid dhSinglePassStdDhSha512Kdf = oidFromDotted("1.3.132.1.11.3");
+inline constexpr Oid idEncryptedData = oidFromDotted("1.2.840.113549.1.7.6");
 inline constexpr Oid contentTypeAttr = oidFromDotted("1.2.840.113549.1.9.3");
 inline constexpr Oid messageDigestAttr = oidFromDotted("1.2.840.113549.1.9.4");
 inline constexpr Oid signingTimeAttr = oidFromDotted("1.2.840.113549.1.9.5");
 inline constexpr Oid idCtTstInfo = oidFromDotted("1.2.840.113549.1.9.16.1.4");
 inline constexpr Oid signingCertificate = oidFromDotted("1.2.840.113549.1.9.16.2.12");
 inline constexpr Oid signingCertificateV2 = oidFromDotted("1.2.840.113549.1.9.16.2.47");
+// PKCS#12 bag types, the certificate and CRL types of their bags, and bag attributes.
+inline constexpr Oid keyBag = oidFromDotted("1.2.840.113549.1.12.10.1.1");
+inline constexpr Oid pkcs8ShroudedKeyBag = oidFromDotted("1.2.840.113549.1.12.10.1.2");
+inline constexpr Oid certBag = oidFromDotted("1.2.840.113549.1.12.10.1.3");
+inline constexpr Oid crlBag = oidFromDotted("1.2.840.113549.1.12.10.1.4");
+inline constexpr Oid secretBag = oidFromDotted("1.2.840.113549.1.12.10.1.5");
+inline constexpr Oid safeContentsBag = oidFromDotted("1.2.840.113549.1.12.10.1.6");
+inline constexpr Oid x509CertificateType = oidFromDotted("1.2.840.113549.1.9.22.1");
+inline constexpr Oid x509CrlType = oidFromDotted("1.2.840.113549.1.9.23.1");
+inline constexpr Oid friendlyName = oidFromDotted("1.2.840.113549.1.9.20");
+inline constexpr Oid localKeyId = oidFromDotted("1.2.840.113549.1.9.21");
 
 }  // namespace oid
 
@@ -177,6 +194,7 @@ inline constexpr const Oid* kAllOids[] = {
     &oid::sha512,
     &oid::hmacWithSha1,
     &oid::hmacWithSha256,
+    &oid::hmacWithSha384,
     &oid::hmacWithSha512,
     &oid::rsaEncryption,
     &oid::ecPublicKey,
@@ -205,7 +223,11 @@ inline constexpr const Oid* kAllOids[] = {
     &oid::secp521r1,
     &oid::pbes2,
     &oid::pbkdf2,
+    &oid::pbmac1,
     &oid::pbeWithShaAnd3KeyTripleDesCbc,
+    &oid::pbeWithShaAnd2KeyTripleDesCbc,
+    &oid::pbeWithShaAnd128BitRc2Cbc,
+    &oid::pbeWithShaAnd40BitRc2Cbc,
     &oid::desEde3Cbc,
     &oid::aes128Cbc,
     &oid::aes192Cbc,
@@ -245,12 +267,23 @@ inline constexpr const Oid* kAllOids[] = {
     &oid::dhSinglePassStdDhSha256Kdf,
     &oid::dhSinglePassStdDhSha384Kdf,
     &oid::dhSinglePassStdDhSha512Kdf,
+    &oid::idEncryptedData,
     &oid::contentTypeAttr,
     &oid::messageDigestAttr,
     &oid::signingTimeAttr,
     &oid::idCtTstInfo,
     &oid::signingCertificate,
     &oid::signingCertificateV2,
+    &oid::keyBag,
+    &oid::pkcs8ShroudedKeyBag,
+    &oid::certBag,
+    &oid::crlBag,
+    &oid::secretBag,
+    &oid::safeContentsBag,
+    &oid::x509CertificateType,
+    &oid::x509CrlType,
+    &oid::friendlyName,
+    &oid::localKeyId,
 };
 
 // SignatureAlgorithm ties a signature OID to its key type, digest and dump name.

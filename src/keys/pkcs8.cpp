@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "cipher/padding.h"
+#include "keys/pbe.h"
 #include "tessel/block.h"
 #include "tessel/cipher.h"
 #include "tessel/ec_key.h"
@@ -22,13 +22,7 @@ using Bytes = std::vector<unsigned char>;
 using asn1::Presence;
 namespace oid = asn1::oid;
 
-// iterationsOk refuses a count of 0 or above kMaxPbeIterations (a hostile file could otherwise keep
-// the appliance busy for hours), and says why on one line, as the other refusals here do.
-bool iterationsOk(unsigned iterations) {
-  if (iterations != 0 && iterations <= kMaxPbeIterations) return true;
-  std::cout << "PKCS8: unsupported iteration count: <" << iterations << ">\n";
-  return false;
-}
+bool iterationsOk(unsigned iterations) { return pbe::iterationsOk(iterations, kMaxPbeIterations); }
 
 struct CbcScheme {
   const asn1::Oid* oid;
@@ -47,32 +41,6 @@ const CbcScheme kSchemes[] = {
     {&oid::aes192Cbc, 24, 16, makeCipher<AES192>},
     {&oid::aes256Cbc, 32, 16, makeCipher<AES256>},
 };
-
-// padAndEncrypt appends PKCS#5 padding and encrypts in CBC mode.
-Bytes padAndEncrypt(BlockCipher& cipher, Bytes iv, asn1::blob plaintext) {
-  const unsigned block = cipher.blockLength();
-  Bytes data = plaintext.vec();
-  const unsigned pad = block - static_cast<unsigned>(data.size() % block);
-  data.insert(data.end(), pad, static_cast<unsigned char>(pad));
-  Bytes out(data.size());
-  CBC_encrypt(cipher, iv.data(), data.data(), static_cast<unsigned>(data.size()), out.data());
-  return out;
-}
-
-// decryptAndUnpad decrypts whole CBC blocks and removes PKCS#5 padding; false when the input is
-// not whole blocks or the padding is wrong (which is how a wrong password shows). The padding is
-// judged in constant time, all of the last block every time, so that a padding oracle cannot
-// read the plaintext; only the verdict and then the length of a good plaintext come out.
-bool decryptAndUnpad(BlockCipher& cipher, Bytes iv, asn1::blob data, Bytes& out) {
-  const unsigned block = cipher.blockLength();
-  if (data.empty() || data.size() % block != 0) return false;
-  out.assign(data.size(), 0);
-  CBC_decrypt(cipher, iv.data(), data.data(), static_cast<unsigned>(data.size()), out.data());
-  const std::uint32_t length = detail::pkcs7UnpaddedLength(out.data(), static_cast<std::uint32_t>(out.size()), block);
-  if (length == ~std::uint32_t{0}) return false;
-  out.resize(length);
-  return true;
-}
 
 // pbes2Run derives the key and runs the cipher once the parameters are known.
 bool pbes2Run(const PBES2Params& params, std::string_view password, asn1::blob data, Bytes& out, bool encrypt) {
@@ -98,10 +66,10 @@ bool pbes2Run(const PBES2Params& params, std::string_view password, asn1::blob d
   auto cipher = scheme->make(key.data());
   std::fill(key.begin(), key.end(), 0);
   if (encrypt) {
-    out = padAndEncrypt(*cipher, params.iv, data);
+    out = pbe::padAndEncrypt(*cipher, params.iv, data);
     return true;
   }
-  return decryptAndUnpad(*cipher, params.iv, data, out);
+  return pbe::decryptAndUnpad(*cipher, params.iv, data, out);
 }
 
 // readPbes2Params reads SEQUENCE { SEQUENCE { PBKDF2, SEQUENCE { salt, iterations, [keyLength],
@@ -129,64 +97,6 @@ bool readPbes2Params(asn1::blob der, PBES2Params& out) {
   out.encOid = encOid.vec();
   out.iv = iv.vec();
   return enc.atEnd();
-}
-
-// bmpPassword turns a UTF-8 password into the big-endian UTF-16 string with two trailing zero
-// bytes that the PKCS#12 KDF hashes. Bytes that are not valid UTF-8 are taken one for one.
-Bytes bmpPassword(std::string_view password) {
-  Bytes out;
-  for (std::size_t i = 0; i < password.size();) {
-    unsigned c = static_cast<unsigned char>(password[i]);
-    unsigned len = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : 0;
-    bool valid = len > 0 && i + len <= password.size();
-    for (unsigned k = 1; valid && k < len; ++k) valid = (static_cast<unsigned char>(password[i + k]) & 0xC0) == 0x80;
-    if (valid && len > 1) {
-      c &= len == 2 ? 0x1F : 0x0F;
-      for (unsigned k = 1; k < len; ++k) c = (c << 6) | (static_cast<unsigned char>(password[i + k]) & 0x3F);
-    } else {
-      len = 1;
-    }
-    out.push_back(static_cast<unsigned char>(c >> 8));
-    out.push_back(static_cast<unsigned char>(c));
-    i += len;
-  }
-  out.push_back(0);
-  out.push_back(0);
-  return out;
-}
-
-// pkcs12Kdf derives `n` bytes for purpose `id` (1 key, 2 IV) with SHA-1 (RFC 7292 appendix B.2).
-Bytes pkcs12Kdf(unsigned char id, const Bytes& password, asn1::blob salt, unsigned iterations, unsigned n) {
-  constexpr unsigned v = 64, u = 20;
-  auto stretch = [](asn1::blob s) {
-    Bytes out;
-    if (s.empty()) return out;
-    const std::size_t len = v * ((s.size() + v - 1) / v);
-    for (std::size_t i = 0; i < len; ++i) out.push_back(s[i % s.size()]);
-    return out;
-  };
-  Bytes I = stretch(salt), P = stretch(asn1::blob(password));
-  I.insert(I.end(), P.begin(), P.end());
-  const Bytes D(v, id);
-  Bytes result;
-  SHA1 sha;
-  while (result.size() < n) {
-    unsigned char a[u];
-    sha.update(D.data(), v).update(I.data(), static_cast<unsigned>(I.size())).digest(a);
-    for (unsigned r = 1; r < iterations; ++r) sha.update(a, u).digest(a);
-    result.insert(result.end(), a, a + u);
-    // I_j = (I_j + B + 1) mod 2^(8v) for every v-byte block, B being A repeated to v bytes.
-    for (std::size_t j = 0; j < I.size(); j += v) {
-      unsigned carry = 1;
-      for (int k = v - 1; k >= 0; --k) {
-        carry += I[j + static_cast<unsigned>(k)] + a[static_cast<unsigned>(k) % u];
-        I[j + static_cast<unsigned>(k)] = static_cast<unsigned char>(carry);
-        carry >>= 8;
-      }
-    }
-  }
-  result.resize(n);
-  return result;
 }
 
 }  // namespace
@@ -299,21 +209,9 @@ bool pbes2_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1
 }
 
 bool pbe1_crypt(const AlgorithmIdentifier& alg, std::string_view password, asn1::blob data, Bytes& out, bool encrypt) {
-  asn1::parser p{asn1::blob(alg.params)};
-  asn1::blob salt;
-  if (!p.enter() || !p.read(asn1::tagOctetString, &salt) || !p.isAt(asn1::tagInteger)) return false;
-  const unsigned iterations = p.takeUInt();
-  if (!p.atEnd() || !iterationsOk(iterations)) return false;
-  const Bytes pw = bmpPassword(password);
-  Bytes key = pkcs12Kdf(1, pw, salt, iterations, 24);
-  Bytes iv = pkcs12Kdf(2, pw, salt, iterations, 8);
-  DES3 cipher(key.data());
-  std::fill(key.begin(), key.end(), 0);
-  if (encrypt) {
-    out = padAndEncrypt(cipher, iv, data);
-    return true;
-  }
-  return decryptAndUnpad(cipher, iv, data, out);
+  const Bytes pw = pbe::bmpPassword(password);
+  return pbe::pkcs12Crypt(*pbe::findPkcs12Scheme(oid::pbeWithShaAnd3KeyTripleDesCbc.content()), asn1::blob(alg.params),
+                          asn1::blob(pw), data, out, encrypt, kMaxPbeIterations);
 }
 
 std::vector<unsigned char> encodePkcs8EncryptedPrivateKey(const PrivateKey& key, std::string_view password,
