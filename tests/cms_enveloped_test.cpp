@@ -91,8 +91,8 @@ class CmsEnvelopedTest : public ::testing::Test {
   static std::string opensslOpens(const std::string& msg, const std::string& name) {
     const std::string who = name == "password" ? "-pwri_password '" + kPassword + "'"
                                                : "-inkey " + party(name).keyPath + " -recip " + party(name).certPath;
-    CliResult r = runCli("openssl cms -decrypt -binary -inform DER -in " + msg + " " + who + " -out " +
-                         dir_->path("opened.txt"));
+    CliResult r =
+        runCli("openssl cms -decrypt -binary -inform DER -in " + msg + " " + who + " -out " + dir_->path("opened.txt"));
     EXPECT_EQ(r.status, 0) << r.output;
     const Bytes b = readFileBytes(dir_->path("opened.txt"));
     return std::string(b.begin(), b.end());
@@ -129,10 +129,10 @@ struct Sealing {
 
 TEST_F(CmsEnvelopedTest, OpenSslOpensWhatTesselSeals) {
   const Sealing cases[] = {
-      {"rsa2048", false, CmsContentCipher::aes128Cbc}, {"rsa2048", true, CmsContentCipher::aes256Cbc},
-      {"rsa2048", false, CmsContentCipher::aes128Gcm}, {"rsa2048", true, CmsContentCipher::aes256Gcm},
-      {"ec256", false, CmsContentCipher::aes128Cbc},   {"ec256", false, CmsContentCipher::aes256Gcm},
-      {"ec384", false, CmsContentCipher::aes256Cbc},   {"ec521", false, CmsContentCipher::aes128Gcm},
+      {"rsa2048", false, CmsContentCipher::aes128Cbc},  {"rsa2048", true, CmsContentCipher::aes256Cbc},
+      {"rsa2048", false, CmsContentCipher::aes128Gcm},  {"rsa2048", true, CmsContentCipher::aes256Gcm},
+      {"ec256", false, CmsContentCipher::aes128Cbc},    {"ec256", false, CmsContentCipher::aes256Gcm},
+      {"ec384", false, CmsContentCipher::aes256Cbc},    {"ec521", false, CmsContentCipher::aes128Gcm},
       {"password", false, CmsContentCipher::aes128Cbc}, {"password", false, CmsContentCipher::aes256Cbc},
       {"password", false, CmsContentCipher::aes256Gcm},
   };
@@ -209,10 +209,11 @@ std::string opensslX25519Open(const PKCS7EnvelopedData& env, const std::string& 
   EVP_KDF* kdf = EVP_KDF_fetch(nullptr, "X963KDF", nullptr);
   EVP_KDF_CTX* kctx = EVP_KDF_CTX_new(kdf);
   char digest[] = "SHA256";
-  const OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
-                               OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, z.data(), z.size()),
-                               OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, sharedInfo.data(), sharedInfo.size()),
-                               OSSL_PARAM_construct_end()};
+  const OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
+      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, z.data(), z.size()),
+      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, sharedInfo.data(), sharedInfo.size()),
+      OSSL_PARAM_construct_end()};
   const bool derived = EVP_KDF_derive(kctx, kek.data(), kek.size(), params) == 1;
   EVP_KDF_CTX_free(kctx);
   EVP_KDF_free(kdf);

@@ -35,7 +35,8 @@ bool parseContentAlgorithm(blob der, ContentAlgorithm* out) {
   }
   const std::size_t len = asn1::oid::aes128Gcm.is(oid) ? 16 : asn1::oid::aes256Gcm.is(oid) ? 32 : 0;
   asn1::parser params;
-  if (!len || !p.read(asn1::tagSequence, &params) || !p.atEnd() || !params.read(asn1::tagOctetString, &iv)) return false;
+  if (!len || !p.read(asn1::tagSequence, &params) || !p.atEnd() || !params.read(asn1::tagOctetString, &iv))
+    return false;
   unsigned tag = 12;  // the DEFAULT of aes-ICVlen
   blob icv;
   if (params.isAt(asn1::tagInteger, &icv)) {

@@ -130,8 +130,7 @@ bool parsePassword(asn1::parser& p, CmsRecipientInfo* ri) {
     }
     case Presence::absent: break;
   }
-  if (!readAlgorithm(p, &ri->keyEncryptionAlgorithm) || !p.read(asn1::tagOctetString, &key) || !p.atEnd())
-    return false;
+  if (!readAlgorithm(p, &ri->keyEncryptionAlgorithm) || !p.read(asn1::tagOctetString, &key) || !p.atEnd()) return false;
   ri->encryptedKey = key.vec();
   return true;
 }
@@ -260,8 +259,9 @@ void PKCS7EnvelopedData::dump(std::ostream& os) const {
       os << "  originator-key: " << algorithmName(blob(r.originatorAlgorithm)) << ", " << r.originatorKey.size()
          << " bytes\n";
     for (const CmsRecipientKey& k : r.recipientKeys)
-      os << "  recipient-key: " << (k.serial.empty() ? "subject-key-id " + asn1::str(blob(k.subjectKeyId))
-                                                       : "serial " + asn1::str(blob(k.serial)))
+      os << "  recipient-key: "
+         << (k.serial.empty() ? "subject-key-id " + asn1::str(blob(k.subjectKeyId))
+                              : "serial " + asn1::str(blob(k.serial)))
          << ", " << k.encryptedKey.size() << " bytes\n";
     if (!r.encryptedKey.empty()) os << "  encrypted-key: " << r.encryptedKey.size() << " bytes\n";
   }

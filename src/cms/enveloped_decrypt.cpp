@@ -169,7 +169,8 @@ CmsDecryptResult PKCS7EnvelopedData::decryptContent(blob cek) const {
   Bytes plain(input.size());
   c->setIV(alg.iv.data(), static_cast<unsigned>(alg.iv.size()));
   const unsigned written = c->decrypt(input.data(), len, aad.data(), static_cast<unsigned>(aad.size()), plain.data());
-  long keep = alg.gcm ? (written == decryptFailed ? -1 : static_cast<long>(written)) : cms::pkcs7Unpad(plain.data(), len);
+  long keep =
+      alg.gcm ? (written == decryptFailed ? -1 : static_cast<long>(written)) : cms::pkcs7Unpad(plain.data(), len);
   if (keep < 0) {
     ct::wipe(plain.data(), plain.size());
     return failure(kNotOpened);
