@@ -17,7 +17,10 @@ class ToolPkcs12 : public testing::Test {
                   .status,
               0);
   }
-  CliResult run(const std::string& command) { return runCli("cd " + dir.path("") + " && " + command); }
+  // The host's command line needs its own legacy provider, not the 32-bit run's OPENSSL_MODULES.
+  CliResult run(const std::string& command) {
+    return runCli("cd " + dir.path("") + " && unset OPENSSL_MODULES && " + command);
+  }
   CliResult tessel(const std::string& args) { return run(std::string(TESSEL_TOOL_PATH) + " pkcs12 " + args); }
   Scratch dir;
 };
