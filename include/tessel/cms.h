@@ -118,6 +118,7 @@ struct CmsSignOptions {
   bool signedAttributes = true;  // without them the signature covers the content itself
   TimePoint signingTime = TimePoint::now();
   bool withSigningTime = true;
+  bool withCertificates = true;            // include each signer's certificate and chain
   std::vector<unsigned char> contentType;  // OID content; empty: id-data
 };
 

@@ -70,11 +70,28 @@ Bytes signedAttributeSet(const CmsSigner& s, const CmsSignOptions& options, blob
   return std::move(e.data);
 }
 
-void addCertificate(std::vector<Bytes>* list, const X509Certificate& cert) {
-  Bytes der = cert.serialize();
-  for (const Bytes& have : *list)
-    if (have == der) return;
-  list->push_back(std::move(der));
+// Encoded pairs an object with its DER, the key of a SET OF's order.
+template <class T>
+using Encoded = std::vector<std::pair<Bytes, T>>;
+
+void addCertificate(Encoded<std::shared_ptr<X509Certificate>>* list, const std::shared_ptr<X509Certificate>& cert) {
+  Bytes der = cert->serialize();
+  for (const auto& have : *list)
+    if (have.first == der) return;
+  list->emplace_back(std::move(der), cert);
+}
+
+// inDerOrder sorts by the encodings (stable, as DER's SET OF order asks) and hands out the objects.
+template <class T>
+std::vector<T> inDerOrder(Encoded<T>& list, std::vector<Bytes>* encodings = nullptr) {
+  std::stable_sort(list.begin(), list.end(),
+                   [](const auto& a, const auto& b) { return cms::derSetLess(a.first, b.first); });
+  std::vector<T> out;
+  for (auto& [der, object] : list) {
+    if (encodings) encodings->push_back(std::move(der));
+    out.push_back(std::move(object));
+  }
+  return out;
 }
 
 }  // namespace
@@ -88,6 +105,8 @@ bool PKCS7SignedData::sign(blob data, const std::vector<CmsSigner>& signers, con
   detached = options.detached;
   if (!detached) content = data.vec();
   bool anyKeyId = false;
+  Encoded<std::shared_ptr<X509Certificate>> certs;
+  Encoded<PKCS7SignerInfo> infos;
   for (const CmsSigner& s : signers) {
     SignerPlan plan;
     if (!planSigner(s, &plan)) {
@@ -121,28 +140,19 @@ bool PKCS7SignedData::sign(blob data, const std::vector<CmsSigner>& signers, con
     bool listed = false;
     for (const Bytes& a : digestAlgorithms) listed |= a == algorithm;
     if (!listed) digestAlgorithms.push_back(algorithm);
-    addCertificate(&certificateDer, *s.certificate);
-    for (const std::shared_ptr<X509Certificate>& c : s.chain)
-      if (c) addCertificate(&certificateDer, *c);
-    signerInfos.push_back(std::move(info));
+    if (options.withCertificates) {
+      addCertificate(&certs, s.certificate);
+      for (const std::shared_ptr<X509Certificate>& c : s.chain)
+        if (c) addCertificate(&certs, c);
+    }
+    Bytes encoded = info.encode();
+    infos.emplace_back(std::move(encoded), std::move(info));
   }
   // DER orders every SET OF; OpenSSL does the same, so the signer order it reports is this one.
   cms::sortDerSet(digestAlgorithms);
-  cms::sortDerSet(certificateDer);
-  std::vector<Bytes> encodedSigners;
-  for (const PKCS7SignerInfo& s : signerInfos) encodedSigners.push_back(s.encode());
-  std::vector<std::size_t> order(signerInfos.size());
-  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(),
-                   [&](std::size_t a, std::size_t b) { return cms::derSetLess(encodedSigners[a], encodedSigners[b]); });
-  std::vector<PKCS7SignerInfo> sorted;
-  for (std::size_t i : order) sorted.push_back(std::move(signerInfos[i]));
-  signerInfos = std::move(sorted);
+  certificates = inDerOrder(certs, &certificateDer);
+  signerInfos = inDerOrder(infos);
   version = (anyKeyId || !isData) ? 3 : 1;
-  for (const Bytes& c : certificateDer) {
-    auto cert = std::make_shared<X509Certificate>();
-    if (cert->parse(c.data(), static_cast<unsigned>(c.size()))) certificates.push_back(std::move(cert));
-  }
   return true;
 }
 

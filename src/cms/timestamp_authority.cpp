@@ -96,12 +96,9 @@ std::vector<unsigned char> TimeStampAuthority::grant(const TimeStampRequest& req
   CmsSignOptions options;
   options.contentType = asn1::oid::idCtTstInfo.content().vec();
   options.signingTime = info.genTime;
+  options.withCertificates = request.certReq;  // certificates travel only when asked for
   PKCS7SignedData token;
   if (!token.sign(blob(info.encode()), {signer}, options)) return refusal(tsSystemFailure, "signing failed");
-  if (!request.certReq) {  // certificates travel only when asked for
-    token.certificateDer.clear();
-    token.certificates.clear();
-  }
   return granted(token);
 }
 
