@@ -1,5 +1,6 @@
 // The tessel program's cms command: what it signs OpenSSL verifies, what OpenSSL signs it
-// verifies, and changed content or a wrong trust anchor exit with status 1 and the reason.
+// verifies, and changed content or a wrong trust anchor exit with status 1 and the reason; its
+// envelopes open in OpenSSL and OpenSSL's in it, and a wrong password writes nothing.
 #include <gtest/gtest.h>
 
 #include "issuing_support.h"
@@ -76,6 +77,44 @@ TEST_F(ToolCms, HelpAndUsage) {
   EXPECT_EQ(tessel("sign --in data.txt --key rsa2048.key").status, 2);  // no --cert for the key
   EXPECT_EQ(tessel("sign --in data.txt --key ec256.key --cert ec256.pem --pss").status, 2);
   EXPECT_EQ(tessel("verify").status, 2);
+}
+
+TEST_F(ToolCms, EncryptedByTesselDecryptedByOpenSsl) {
+  const struct {
+    const char* tesselOptions;
+    const char* opensslOptions;
+  } cases[] = {
+      {"--recip rsa2048.pem --recip ec256.pem", "-inkey ec256.key -recip ec256.pem"},
+      {"--recip rsa2048.pem --oaep --cipher aes-128-gcm", "-inkey rsa2048.key -recip rsa2048.pem"},
+      {"--password pw --cipher aes-128-cbc", "-pwri_password pw"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.tesselOptions);
+    CliResult r = tessel(std::string("encrypt --in data.txt --out m.der ") + c.tesselOptions);
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = run(std::string("openssl cms -decrypt -binary -inform DER -in m.der -out out.txt ") + c.opensslOptions);
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(run("cmp out.txt data.txt").status, 0);
+  }
+}
+
+TEST_F(ToolCms, EncryptedByOpenSslDecryptedByTessel) {
+  ASSERT_EQ(run("openssl cms -encrypt -binary -outform DER -aes-256-gcm -in data.txt -out e.der ec256.pem").status, 0);
+  CliResult r = tessel("decrypt --in e.der --key ec256.key --cert ec256.pem --out out.txt");
+  EXPECT_EQ(r.status, 0) << r.output;
+  EXPECT_EQ(run("cmp out.txt data.txt").status, 0);
+  ASSERT_EQ(run("openssl cms -encrypt -binary -outform PEM -aes128 -pwri_password pw -in data.txt -out p.pem").status,
+            0);
+  r = tessel("decrypt --in p.pem --password pw --out out2.txt");
+  EXPECT_EQ(r.status, 0) << r.output;
+  EXPECT_EQ(run("cmp out2.txt data.txt").status, 0);
+  r = tessel("decrypt --in p.pem --password wrong --out out3.txt");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("decryption failed"), std::string::npos) << r.output;
+  EXPECT_NE(run("test -e out3.txt").status, 0);
+  EXPECT_EQ(tessel("decrypt --in p.pem --key ec256.key").status, 2);
+  EXPECT_EQ(tessel("encrypt --in data.txt --cipher des").status, 2);
+  EXPECT_EQ(tessel("encrypt --in data.txt").status, 2);
 }
 
 }  // namespace
