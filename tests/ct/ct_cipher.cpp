@@ -4,7 +4,7 @@
 // decryption with secret keys (so the decrypted record, its padding and its MAC are secret);
 // and the PKCS#5 padding removal. Only verdicts and outputs are marked defined again, where
 // they become public by design. Run through tests/ct/run.sh.
-#include <valgrind/memcheck.h>
+#include "ct_support.h"
 
 #include <cstdio>
 #include <memory>
@@ -20,18 +20,9 @@ namespace {
 
 unsigned char key[32], data[64], out[80], iv[16];
 
-void secret(void* p, std::size_t n) { VALGRIND_MAKE_MEM_UNDEFINED(p, n); }
-template <class T>
-T reveal(T value) {
-  VALGRIND_MAKE_MEM_DEFINED(&value, sizeof value);
-  return value;
-}
-unsigned checksum(const unsigned char* p, std::size_t n) {
-  VALGRIND_MAKE_MEM_DEFINED(p, n);
-  unsigned sum = 0;
-  for (std::size_t i = 0; i < n; ++i) sum = sum * 31 + p[i];
-  return sum;
-}
+using ctcheck::checksum;
+using ctcheck::reveal;
+using ctcheck::secret;
 
 // aesRounds runs a secret key and secret blocks through every entry point of the block cipher.
 unsigned aesRounds(std::size_t keyLen) {

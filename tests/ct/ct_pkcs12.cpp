@@ -2,7 +2,7 @@
 // both directions with a secret key and secret blocks; the PKCS#12 key derivation with SHA-1,
 // SHA-256 and SHA-512 from a secret password; and a whole pbeWithSHAAnd40BitRC2-CBC decryption
 // under a secret password, of which only the verdict comes out. Run through tests/ct/run.sh.
-#include <valgrind/memcheck.h>
+#include "ct_support.h"
 
 #include <cstdio>
 
@@ -16,18 +16,9 @@ using tessel::asn1::blob;
 
 unsigned char key[33], data[32], out[32];
 
-void secret(void* p, std::size_t n) { VALGRIND_MAKE_MEM_UNDEFINED(p, n); }
-template <class T>
-T reveal(T value) {
-  VALGRIND_MAKE_MEM_DEFINED(&value, sizeof value);
-  return value;
-}
-unsigned checksum(const unsigned char* p, std::size_t n) {
-  VALGRIND_MAKE_MEM_DEFINED(p, n);
-  unsigned sum = 0;
-  for (std::size_t i = 0; i < n; ++i) sum = sum * 31 + p[i];
-  return sum;
-}
+using ctcheck::checksum;
+using ctcheck::reveal;
+using ctcheck::secret;
 
 unsigned rc2(unsigned keyLen, unsigned bits) {
   secret(key, keyLen);
