@@ -2,6 +2,7 @@
 // 3211's password key wrap and the key-agreement KDF input.
 #include <cstring>
 
+#include "cipher/padding.h"
 #include "cms/enveloped_internal.h"
 #include "core/declassify.h"
 #include "core/secret.h"
@@ -50,18 +51,10 @@ bool parseContentAlgorithm(blob der, ContentAlgorithm* out) {
 
 long pkcs7Unpad(const unsigned char* data, std::size_t length) {
   if (length == 0 || length % 16 != 0) return -1;
-  const std::uint32_t pad = data[length - 1];
-  std::uint32_t good = ~ct::isZeroMask(pad) & ct::lessThanMask<std::uint32_t>(pad, 17);
-  for (std::uint32_t i = 0; i < 16; ++i) {
-    const std::uint32_t inPadding = ct::lessThanMask<std::uint32_t>(i, pad);
-    good &= ~inPadding | ct::equalMask<std::uint32_t>(data[length - 1 - i], pad);
-  }
   // The verdict is public, and so is the content's length once the content is released.
-  ct::declassify(&good, sizeof good);
-  if (good == 0) return -1;
-  std::uint32_t kept = static_cast<std::uint32_t>(length) - pad;
-  ct::declassify(&kept, sizeof kept);
-  return static_cast<long>(kept);
+  const std::uint32_t kept =
+      ct::declassified(detail::pkcs7UnpaddedLength(data, static_cast<std::uint32_t>(length), 16));
+  return kept == ~std::uint32_t{0} ? -1 : static_cast<long>(kept);
 }
 
 std::vector<unsigned char> pwriWrap(blob kek, blob iv, blob cek, Rng& rng) {
