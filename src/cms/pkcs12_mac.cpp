@@ -4,7 +4,6 @@
 #include "core/secret.h"
 #include "keys/pbe.h"
 #include "tessel/factory.h"
-#include "tessel/hmac.h"
 #include "tessel/oids.h"
 #include "tessel/pbkdf2.h"
 #include "tessel/rng.h"
@@ -61,10 +60,9 @@ bool readPbmac1(asn1::blob params, Pbmac1* out) {
 }
 
 Bytes hmac(HashID hash, asn1::blob key, asn1::blob data) {
-  auto h = createHash(hash);
-  HMAC mac(h.get(), key.start, static_cast<unsigned>(key.size()));
-  mac.update(std::span<const unsigned char>(data.start, data.size()));
-  return mac.digest();
+  auto mac = createHMAC(hash, key.span());
+  mac->update(data.span());
+  return mac->digest();
 }
 
 // classicMac is the HMAC keyed through the PKCS#12 derivation with ID 3, the key as long as the
