@@ -83,9 +83,8 @@ TEST(CermLoad, TrustMaskEntriesAndCrls) {
     for (const auto& f : c.value("files", json::array())) env.root.write(f[0], bytesOf(f[1]));
     for (const auto& l : c["loads"]) {
       tessel::CertificateMemoryStore store;
-      testing::internal::CaptureStdout();
-      EXPECT_TRUE(store.loadFromCerm(number(l["use"]), l.value("all", false)));
-      const std::string out = testing::internal::GetCapturedStdout();
+      const std::string out =
+          tessel::test::said([&] { EXPECT_TRUE(store.loadFromCerm(number(l["use"]), l.value("all", false))); });
       EXPECT_EQ(out.find("[ERR] opendir"), std::string::npos) << out;
       EXPECT_EQ(namesOf(store.certificates, "certs"), l.value("certs", Names{})) << l;
       EXPECT_EQ(namesOf(store.crls, "crls"), l.value("crls", Names{})) << l;
@@ -102,18 +101,16 @@ TEST(CermLoad, CorruptEntryDoesNotStopTheOthers) {
   bad[40] ^= 0xFF;
   env.root.write("/rw/store/cerm/00000002", bad);
   tessel::CertificateMemoryStore store;
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(store.loadFromCerm(0x1, false));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[ERR] store cerm: skipped 00000002: bad checksum\n");
+  EXPECT_EQ(tessel::test::said([&] { EXPECT_TRUE(store.loadFromCerm(0x1, false)); }),
+            "[ERR] store cerm: skipped 00000002: bad checksum\n");
   EXPECT_EQ(namesOf(store.certificates, "certs"), (Names{"ca", "nopathlen"}));
 }
 
 TEST(CermLoad, NothingInstalled) {
   tessel::test::TempRoot root;  // not even the built-in directory
   tessel::CertificateMemoryStore store;
-  testing::internal::CaptureStdout();
-  EXPECT_TRUE(store.loadFromCerm(0xFFFFFFFF, false));
-  EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("[ERR] opendir: ", 0), 0u);
+  EXPECT_EQ(tessel::test::said([&] { EXPECT_TRUE(store.loadFromCerm(0xFFFFFFFF, false)); }).rfind("[ERR] opendir: ", 0),
+            0u);
   EXPECT_TRUE(store.certificates.empty() && store.crls.empty());
 }
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "ol/file.h"
 #include "support.h"
 #include "tessel/pkcs8.h"
 
@@ -21,10 +22,7 @@ inline std::shared_ptr<PrivateKey> fixtureKey(const std::string& name) {
 }
 
 // readFileBytes returns a file's bytes; empty when it cannot be read.
-inline Bytes readFileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+inline Bytes readFileBytes(const std::string& path) { return bytesOf(ol::readFile(path)); }
 
 // Scratch is a fresh folder that is removed with everything in it.
 class Scratch {

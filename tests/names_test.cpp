@@ -1,9 +1,7 @@
+// Distinguished and general names: parsing, text, equality and writing over the tables of
+// tests/data/pki_der.json and parse_cases.json. Names OpenSSL builds and reads back are in
+// tests/data/pki_tool.json (group issue).
 #include "tessel/names.h"
-
-#if TESSEL_HAVE_OPENSSL
-#include <openssl/asn1.h>
-#include <openssl/x509.h>
-#endif
 
 #include "support.h"
 #include "tessel/asn1.h"
@@ -61,17 +59,14 @@ TEST(GeneralName, ParseSerializeAndText) {
 }
 
 TEST(GeneralName, IpAddresses) {
-  const std::pair<const char*, const char*> rows[] = {{"::", "00000000"},
-                                                      {"10.1.2.3", "0a010203"},
-                                                      {"::ffff:10.1.2.3", "0a010203"},
-                                                      {"2001:db8::5", "20010db8000000000000000000000005"}};
-  for (auto [text, hex] : rows) {
+  for (const auto& r : test::parseCases("ipNames")) {
+    const std::string text = r[0];
     ol::IPAddr6 ip;
     ASSERT_TRUE(ip.parse(text));
     GeneralName g;
     g.setIp(ip);
     EXPECT_EQ(g.type, GeneralName::iPAddress);
-    EXPECT_EQ(test::toHex(g.data), hex) << text;
+    EXPECT_EQ(test::toHex(g.data), r[1]) << text;
     EXPECT_EQ(g.getIp(), ip.isZero() ? ol::IPAddr6::fromBytes(Bytes(4, 0)) : ip) << text;
   }
   GeneralName dns;
@@ -79,42 +74,6 @@ TEST(GeneralName, IpAddresses) {
   dns.data = Bytes(4, 1);
   EXPECT_TRUE(dns.getIp().isZero());
 }
-
-#if TESSEL_HAVE_OPENSSL
-// Names built by OpenSSL (multi-valued RDNs, repeated CN, BMPString) read as OpenSSL sees them,
-// and our canonical writing is read back by OpenSSL with the same entries.
-TEST(DistinguishedName, InteroperatesWithOpenSsl) {
-  X509_NAME* name = X509_NAME_new();
-  auto add = [&](const char* field, int type, const std::string& value, int set) {
-    X509_NAME_add_entry_by_txt(name, field, type, reinterpret_cast<const unsigned char*>(value.data()),
-                               static_cast<int>(value.size()), -1, set);
-  };
-  add("C", MBSTRING_ASC, "LV", 0);
-  add("O", MBSTRING_UTF8, "Pārbaude", 0);
-  add("OU", MBSTRING_ASC, "unit", 0);
-  add("title", MBSTRING_ASC, "extra", -1);  // joins the OU RDN: multi-valued
-  add("CN", MBSTRING_ASC, "one", 0);
-  add("CN", MBSTRING_ASC, "two", 0);
-  add("serialNumber", MBSTRING_ASC, "42", 0);
-  unsigned char* der = nullptr;
-  int len = i2d_X509_NAME(name, &der);
-  ASSERT_GT(len, 0);
-  DistinguishedName ours;
-  ASSERT_TRUE(ours.parse(asn1::blob(der, static_cast<std::size_t>(len))));
-  EXPECT_EQ(ours.str(), "C=LV, O=Pārbaude, OU=unit, CN=two, SerialNumber=42");
-  OPENSSL_free(der);
-  X509_NAME_free(name);
-
-  Bytes written = ours.serialize();
-  const unsigned char* p = written.data();
-  X509_NAME* back = d2i_X509_NAME(nullptr, &p, static_cast<long>(written.size()));
-  ASSERT_TRUE(back);
-  char line[256];
-  X509_NAME_oneline(back, line, sizeof line);
-  EXPECT_STREQ(line, "/C=LV/O=P\\xC4\\x81rbaude/OU=unit/CN=two/serialNumber=42");
-  X509_NAME_free(back);
-}
-#endif
 
 }  // namespace
 }  // namespace tessel

@@ -67,13 +67,12 @@ TEST(IPAddr6, ParsesAndPrintsLikeTheCLibrary) {
 }
 
 TEST(IPAddr6, Ipv4FormsAndMapping) {
-  ol::IPAddr6 a, b, c;
-  ASSERT_TRUE(a.parse("192.0.2.33") && b.parse("::FFFF:192.0.2.33") && c.parse("64:ff9b::1.2.3.4"));
+  ol::IPAddr6 a, b;
+  ASSERT_TRUE(a.parse("192.0.2.33") && b.parse("::FFFF:192.0.2.33"));
   EXPECT_TRUE(a.isV4());
   EXPECT_EQ(a.str(), "192.0.2.33");
   EXPECT_EQ(a.str(false), "::ffff:192.0.2.33");
   EXPECT_EQ(a, b);
-  EXPECT_EQ(c.str(), "64:ff9b::102:304");
   const std::uint8_t four[4] = {10, 0, 0, 1};
   EXPECT_EQ(ol::IPAddr6::fromBytes(four).str(), "10.0.0.1");
   EXPECT_EQ(ol::IPAddr6::fromBytes(std::span<const std::uint8_t>(four, 3)).str(), "::");

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <thread>
@@ -88,34 +89,29 @@ TEST(StoreTorture, KilledWriterLeavesWholeEntries) {
   std::cout << "[          ] rounds that left a temporary file: " << leftovers << " of 12\n";
 }
 
-// Temporary names of dead processes go; those of live ones (ours, or process 1, which is always
-// alive and not ours to signal) stay unless two hours old; other names are not temporaries.
+// Temporary names of dead processes go; those of live ones (ours, or process 1) stay unless two
+// hours old; other names are not temporaries (tests/data/pki_store.json).
 TEST(StoreTorture, OpeningDeletesOnlyAbandonedTemporaries) {
   TempRoot root;
   ASSERT_TRUE(ol::Store("t").put(1, version(1)));
   const pid_t gone = ::fork();
   if (gone == 0) ::_exit(0);
   ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
-  const std::string me = std::to_string(::getpid()), dead = std::to_string(gone);
-  const std::tuple<std::string, bool, bool> cases[] = {// name, two hours old, kept
-                                                       {"00000001." + dead + ".7.0.tmp", false, false},
-                                                       {"00000001." + dead + ".tmp", false, false},  // older firmware
-                                                       {"state." + dead + ".1.2.tmp", false, false},
-                                                       {"00000001." + me + ".1.2.tmp", false, true},
-                                                       {"00000001.1.1.1.tmp", false, true},
-                                                       {"00000001.1.1.1.tmp.x", true, true},
-                                                       {"00000001.1.2.3.tmp", true, false},
-                                                       {"0000001." + dead + ".tmp", false, true},
-                                                       {"notes." + dead + ".tmp", false, true},
-                                                       {"00000001." + dead + ".x.tmp", false, true}};
-  for (const auto& [name, old, kept] : cases) {
-    root.write("/rw/store/t/" + name, ol::encodeEntry(1, version(2)));
-    const timespec times[2] = {{::time(nullptr) - (old ? 7200 : 0), 0}, {::time(nullptr) - (old ? 7200 : 0), 0}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, root.path("/rw/store/t/" + name).c_str(), times, 0), 0);
+  const nlohmann::json cases = tessel::test::dataFile("pki_store.json")["temporaries"];
+  auto name = [&](const nlohmann::json& c) {
+    std::string n = c[0];
+    for (const auto& [from, to] : {std::pair{"DEAD", std::to_string(gone)}, {"ME", std::to_string(::getpid())}})
+      if (const std::size_t at = n.find(from); at != std::string::npos) n.replace(at, std::strlen(from), to);
+    return "/rw/store/t/" + n;
+  };
+  for (const auto& c : cases) {
+    root.write(name(c), ol::encodeEntry(1, version(2)));
+    const std::time_t at = ::time(nullptr) - (c[1].get<bool>() ? 7200 : 0);
+    const timespec times[2] = {{at, 0}, {at, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, root.path(name(c)).c_str(), times, 0), 0);
   }
   EXPECT_EQ(versionOf(ol::Store("t").get(1)), 1u);
-  for (const auto& [name, old, kept] : cases)
-    EXPECT_EQ(std::filesystem::exists(root.path("/rw/store/t/" + name)), kept) << name;
+  for (const auto& c : cases) EXPECT_EQ(std::filesystem::exists(root.path(name(c))), c[2].get<bool>()) << c[0];
 }
 
 // Two Store objects of one process (one per thread) putting the same entries in lock step:
@@ -186,7 +182,7 @@ TEST(StoreTorture, OnlyRegularFilesAreRead) {
   EXPECT_FALSE(std::filesystem::exists(dir + "00000007"));
 }
 
-TEST(StoreTorture, CaFolderSkipsWhatIsNotARegularFile) {
+TEST(StoreTorture, CaFolderReadsOnlyRegularFiles) {
   TempRoot root;
   AlarmGuard guard(20);
   root.write("/ca/a.pem", tessel::test::readFixture("certs/ca.pem"));
@@ -197,6 +193,18 @@ TEST(StoreTorture, CaFolderSkipsWhatIsNotARegularFile) {
   tessel::CertificateMemoryStore store;
   EXPECT_EQ(said([&] { EXPECT_TRUE(store.loadFromDir(dir, true)); }), "");
   EXPECT_EQ(store.certificates.size(), 2u) << "the file and the link to it";
+  // CRLs only when asked for; other files and folders are passed over; a missing folder fails.
+  root.write("/ca/list.crl", tessel::test::readFixture("certs/crl.pem"));
+  root.write("/ca/junk.txt", tessel::test::bytesOf("neither"));
+  std::filesystem::create_directory(dir + "sub");
+  tessel::CertificateMemoryStore with, without;
+  said([&] { EXPECT_TRUE(with.loadFromDir(dir, true) && without.loadFromDir(dir, false)); });
+  EXPECT_EQ(std::make_pair(with.certificates.size(), with.crls.size()), std::make_pair(std::size_t{2}, std::size_t{1}));
+  EXPECT_EQ(std::make_pair(without.certificates.size(), without.crls.size()),
+            std::make_pair(std::size_t{2}, std::size_t{0}));
+  EXPECT_EQ(said([&] { EXPECT_FALSE(with.loadFromDir(dir + "missing", true)); }),
+            "[ERR] opendir: No such file or directory\n");
+  EXPECT_EQ(with.certificates.size(), 2u);
 }
 
 // Built-in CAs switched off by the administrator stay off whichever byte of the deciding entry

@@ -52,22 +52,17 @@ TEST(TimePoint, WritesUtcTimeOnlyFor1950To2049) {
 }
 
 TEST(TimePoint, SetCarriesOutOfRangeFields) {
-  auto at = [](int year, int mon, int mday, int hour = 0, int min = 0, int sec = 0) {
+  // Seconds of the time Python's timegm carries the fields into (tests/data/gen_parse_cases.py).
+  auto at = [](const nlohmann::json& f) {
     std::tm t{};
-    t.tm_year = year - 1900, t.tm_mon = mon, t.tm_mday = mday, t.tm_hour = hour, t.tm_min = min, t.tm_sec = sec;
+    t.tm_year = f[0].get<int>() - 1900, t.tm_mon = f[1], t.tm_mday = f[2], t.tm_hour = f[3], t.tm_min = f[4];
+    t.tm_sec = f[5];
     t.tm_isdst = 1, t.tm_wday = 6, t.tm_yday = 300;  // ignored
     TimePoint p;
     p.set(&t);
     return p.seconds();
   };
-  EXPECT_EQ(at(2024, 0, 32), at(2024, 1, 1));       // 31 January plus one day
-  EXPECT_EQ(at(2024, 12, 1), at(2025, 0, 1));       // month 12 carries into the year
-  EXPECT_EQ(at(2024, -1, 1), at(2023, 11, 1));      // and month -1 borrows
-  EXPECT_EQ(at(2024, 1, 29), at(2024, 2, 0));       // 2024 is a leap year
-  EXPECT_EQ(at(2100, 1, 29), at(2100, 2, 1));       // 2100 is not
-  EXPECT_EQ(at(2000, 1, 29) + 86400, at(2000, 2, 1));  // 2000 is
-  EXPECT_EQ(at(1970, 0, 1, 0, 0, 86400), 86400);
-  EXPECT_EQ(at(1970, 0, 1, -1), -3600);
+  for (const auto& r : test::parseCases("timeCarries")) EXPECT_EQ(at(r[0]), r[1].get<std::int64_t>()) << r[0];
 }
 
 TEST(TimePoint, LocalTimeIsStoredAsIfUtc) {
@@ -82,7 +77,6 @@ TEST(TimePoint, LocalTimeIsStoredAsIfUtc) {
   if (old) setenv("TZ", saved.c_str(), 1);
   else unsetenv("TZ");
   tzset();
-  EXPECT_LT(TimePoint::fromSeconds(1) , TimePoint::fromSeconds(2));
 }
 
 #if TESSEL_HAVE_OPENSSL

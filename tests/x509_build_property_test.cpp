@@ -99,26 +99,11 @@ TEST(IssueProperty, RandomCertificatesRoundTrip) {
       ASSERT_TRUE(c.setSubjectPublicKey(rng.below(2) ? *key : *subjectKey));
       ASSERT_TRUE(c.sign(*key, s.params));
 
+      // The dump shows every field but the path length, the key usage bits by name.
       const X509Certificate p = reparsed(c);
-      EXPECT_EQ(p.subject.str(), c.subject.str());
-      EXPECT_EQ(p.issuer.str(), c.issuer.str());
-      EXPECT_EQ(p.serial, c.serial);
-      EXPECT_EQ(p.notBefore, c.notBefore);
-      EXPECT_EQ(p.notAfter, c.notAfter);
+      EXPECT_EQ(dumpOf(p), dumpOf(c));
       EXPECT_EQ(p.keyUsage, c.keyUsage);
-      EXPECT_EQ(p.isCa, c.isCa);
       EXPECT_EQ(p.pathLen, c.pathLen);
-      EXPECT_EQ(p.selfSigned, c.selfSigned);
-      EXPECT_EQ(p.publicKeyInfo, c.publicKeyInfo);
-      EXPECT_EQ(p.subjectKeyId, c.subjectKeyId);
-      EXPECT_EQ(p.authorityKeyId, c.authorityKeyId);
-      for (auto field : {&X509Certificate::subjectAltNames, &X509Certificate::crlDistributionPoints}) {
-        ASSERT_EQ((p.*field).size(), (c.*field).size());
-        for (std::size_t i = 0; i < (c.*field).size(); ++i)
-          EXPECT_EQ((p.*field)[i].serialize(), (c.*field)[i].serialize());
-      }
-      EXPECT_EQ(p.permittedName.serialize(), c.permittedName.serialize());
-      EXPECT_EQ(p.excludedName.serialize(), c.excludedName.serialize());
       EXPECT_TRUE(p.verify(*key->publicPart()));
       if (!s.params.pss) {
         PathRes res;
@@ -134,6 +119,10 @@ TEST(IssueProperty, RandomCrlsAndRequestsRoundTrip) {
   for (const Signer& s : kSigners) {
     SCOPED_TRACE(std::string(s.key) + (s.params.pss ? " pss" : ""));
     const auto key = fixtureKey(s.key);
+    X509Req foreign;  // a request is signed by its own key: another in publicKeyInfo is refused
+    ASSERT_TRUE(foreign.setSubjectPublicKey(*fixtureKey(s.key == std::string("ec256") ? "ec384" : "ec256")));
+    EXPECT_FALSE(foreign.sign(*key, s.params));
+    EXPECT_TRUE(foreign.signature.empty() && foreign.sigAlg.empty());
     for (int round = 0; round < rounds(8); ++round) {
       X509Crl crl;
       crl.issuer = randomName(rng);
@@ -148,17 +137,7 @@ TEST(IssueProperty, RandomCrlsAndRequestsRoundTrip) {
       }
       ASSERT_TRUE(crl.sign(*key, s.params));
       const X509Crl p = reparsed(crl);
-      EXPECT_EQ(p.issuer.str(), crl.issuer.str());
-      EXPECT_EQ(p.thisUpdate, crl.thisUpdate);
-      EXPECT_EQ(p.nextUpdate, crl.nextUpdate);
-      EXPECT_EQ(p.crlNumber, crl.crlNumber);
-      EXPECT_EQ(p.authorityKeyId, crl.authorityKeyId);
-      ASSERT_EQ(p.revoked.size(), crl.revoked.size());
-      for (std::size_t i = 0; i < crl.revoked.size(); ++i) {
-        EXPECT_EQ(p.revoked[i].serial, crl.revoked[i].serial);
-        EXPECT_EQ(p.revoked[i].revocationDate, crl.revoked[i].revocationDate);
-        EXPECT_EQ(p.revoked[i].reason, crl.revoked[i].reason);
-      }
+      EXPECT_EQ(dumpOf(p), dumpOf(crl));
       EXPECT_TRUE(p.verify(*key->publicPart()));
       expectRebuildsIdentically(p, *key, s.params);
 
@@ -169,24 +148,13 @@ TEST(IssueProperty, RandomCrlsAndRequestsRoundTrip) {
       if (rng.below(2)) req.challengePassword = randomLabel(rng);
       ASSERT_TRUE(req.sign(*key, s.params));
       const X509Req r = reparsed(req);
-      EXPECT_EQ(r.subject.str(), req.subject.str());
+      EXPECT_EQ(dumpOf(r), dumpOf(req));
       EXPECT_EQ(r.publicKeyInfo, encodeSubjectPublicKeyInfo(*key));
-      EXPECT_EQ(r.challengePassword, req.challengePassword);
       EXPECT_EQ(r.keyUsage, req.keyUsage);
-      ASSERT_EQ(r.subjectAltNames.size(), req.subjectAltNames.size());
       EXPECT_TRUE(r.verify(*key->publicPart()));
       expectRebuildsIdentically(r, *key, s.params);
     }
   }
-}
-
-// A request is signed by its own key; a foreign key in publicKeyInfo is refused.
-TEST(IssueProperty, RequestRefusesAForeignKey) {
-  X509Req req;
-  req.subject.CN = "x";
-  ASSERT_TRUE(req.setSubjectPublicKey(*fixtureKey("ec256")));
-  EXPECT_FALSE(req.sign(*fixtureKey("ec384"), hashSha256));
-  EXPECT_TRUE(req.signature.empty() && req.sigAlg.empty());
 }
 
 }  // namespace

@@ -3,11 +3,10 @@
 // host-matching corner cases; RSA PKCS#1 v1.5 signature checks against Wycheproof.
 #include "tessel/x509_path.h"
 
-#include <cstdio>
 #include <set>
 #include <string>
 
-#include "support.h"
+#include "issuing_support.h"
 #include "tessel/pem.h"
 
 namespace tessel {
@@ -34,17 +33,6 @@ std::vector<Bytes> tbsOf(const Chain& chain) {
   std::vector<Bytes> out;
   for (const auto& c : chain) out.push_back(c->tbs);
   return out;
-}
-
-// opensslVerify runs `openssl verify ARGS` in the scenario folder: exit status and output.
-std::pair<int, std::string> opensslVerify(const std::string& args) {
-  std::string out;
-  FILE* p = popen(("cd " + kDir + " && openssl verify " + args + " 2>&1").c_str(), "r");
-  if (!p) return {-1, out};
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  const int status = pclose(p);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
 TEST(X509Path, ScenarioTable) {
@@ -89,7 +77,7 @@ TEST(X509Path, ScenarioTable) {
     }
     if (!s.contains("openssl") || !haveOpenssl) continue;
     const std::string says = s["openssl"][1];
-    auto [status, out] = opensslVerify(s["openssl"][0]);
+    auto [status, out] = test::runCli("cd " + kDir + " && openssl verify " + s["openssl"][0].get<std::string>());
     EXPECT_NE(out.find(says), std::string::npos) << out;
     EXPECT_EQ(status == 0, says.ends_with(": OK")) << out;
     EXPECT_EQ(status == 0, s["code"] == 0) << "openssl and the table disagree";

@@ -5,6 +5,7 @@ the ASN.1 time text) it does, so those tables check against an outside oracle; t
 hand-picked inputs with the verdicts this library gives them. Run it from this folder.
 """
 import calendar
+import ipaddress
 import datetime
 import json
 
@@ -116,7 +117,8 @@ cases["base64Bad"] = [
 # Parsed, then compared with inet_pton and inet_ntop.
 cases["ipv6Texts"] = ["::", "::1", "1::", "2001:db8::1", "2001:db8:0:0:1:0:0:1", "fe80::1:2:3:4",
                       "1:2:3:4:5:6:7:8", "1:0:3:4:5:6:7:8", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
-                      "2001:DB8::ABCD", "0:0:1:0:0:0:1:0", "1:0:0:2:0:0:0:3", "::ffff:0:1"]
+                      "2001:DB8::ABCD", "0:0:1:0:0:0:1:0", "1:0:0:2:0:0:0:3", "::ffff:0:1",
+                      "::ffff:192.0.2.33", "64:ff9b::1.2.3.4"]
 cases["ipBad"] = ["", "1", "1.2.3", "1.2.3.4.5", "256.1.1.1", "01.2.3.4", "1.2.3.4 ", " ::1", ":::", "1::2::3",
                   "1:2:3:4:5:6:7:8:9", "12345::", ":1:2:3:4:5:6:7", "1:2:3:4:5:6:7:", "fe80::1%eth0", "::g",
                   "1:2:3:4:5:6:7::8", "::1.2.3", "1.2.3.4::", "::1.2.3.4:5"]
@@ -135,6 +137,34 @@ cases["generalNames"] = [
 cases["badNames"] = ["", "3100", "3003310100",  # a SET without its SEQUENCE
                      "300531033001",  # truncated
                      "30073105300302012a"]  # a value but no OID
+
+# BIT STRING contents: the unused-bits count must be 0 (the bytes after it) or the content is refused.
+cases["bitStrings"] = [["", ""], ["03abcd", "abcd"], ["08ab", ""]]
+
+# An address text and the bytes a GeneralName holds for it: Python's packing, IPv4-mapped
+# addresses as IPv4, and the unspecified address as four zero bytes, as the library stores it.
+def ip_bytes(text):
+    ip = ipaddress.ip_address(text)
+    if ip.version == 6 and ip.ipv4_mapped:
+        ip = ip.ipv4_mapped
+    return "00000000" if int(ip) == 0 else ip.packed.hex()
+
+
+cases["ipNames"] = [[t, ip_bytes(t)] for t in ["::", "10.1.2.3", "::ffff:10.1.2.3", "2001:db8::5"]]
+
+# Broken-down times whose fields leave their range ([year, month from 0, day, hour, minute,
+# second]) and the seconds of the time they carry into, by Python's timegm.
+CARRIES = [
+    ([2024, 0, 32, 0, 0, 0], (2024, 2, 1)),  # 31 January plus one day
+    ([2024, 12, 1, 0, 0, 0], (2025, 1, 1)),  # month 12 carries into the year
+    ([2024, -1, 1, 0, 0, 0], (2023, 12, 1)),  # and month -1 borrows
+    ([2024, 2, 0, 0, 0, 0], (2024, 2, 29)),  # 2024 is a leap year
+    ([2100, 1, 29, 0, 0, 0], (2100, 3, 1)),  # 2100 is not
+    ([2000, 1, 30, 0, 0, 0], (2000, 3, 1)),  # 2000 is
+    ([1970, 0, 1, 0, 0, 86400], (1970, 1, 2)),
+    ([1970, 0, 1, -1, 0, 0], (1969, 12, 31, 23)),
+]
+cases["timeCarries"] = [[fields, calendar.timegm((*day, 0, 0, 0)[:6])] for fields, day in CARRIES]
 
 with open("parse_cases.json", "w") as f:
     json.dump(cases, f, indent=1)
