@@ -87,7 +87,7 @@ void expectLikeWalk(const CertificateMemoryStore& s, const char* when, bool fill
       probe.authorityKeyId = keyId;
       auto want = walkIssuer(s, probe.issuer, keyId);
       EXPECT_EQ(s.findIssuer(probe.issuer, asn1::blob(keyId)), want) << when << ": " << probe.issuer.str();
-      EXPECT_EQ(s.findCrl(probe), walkCrl(s, probe)) << when << ": " << probe.issuer.str();
+      EXPECT_EQ(s.findCrlUnverified(probe), walkCrl(s, probe)) << when << ": " << probe.issuer.str();
       found += want != nullptr;
       ++checked;
     }

@@ -6,11 +6,16 @@
 //                                print the dump of a certificate, chain, CRL, request or key
 //                                (PEM or DER)
 //   tessel verify CHAIN [--ca DIR|FILE]... [--cerm ROOT [--mask M] [--all]] [--host NAME]
-//                 [--ip ADDR] [--email ADDR] [--time T] [--crl-check]
-//                                complete CHAIN (PEM or DER, leaf first) from the store and
-//                                validate it; prints the result code and reason, exits 0 only
-//                                for a valid chain. T is seconds since 1970 or a UTC date
-//                                "YYYY-MM-DD[THH:MM:SS]"; the default is the current time.
+//                 [--ip ADDR] [--email ADDR] [--time T] [--crl-check] [--purpose P]
+//                 [--max-depth N] [--legacy]
+//                                verify CHAIN (PEM or DER, leaf first, then intermediates)
+//                                against the store with verifyChain: prints the chain found,
+//                                the result code and its text, exits 0 only for a valid chain.
+//                                P: server (default), client, codeSigning, email,
+//                                timeStamping, any. --legacy completes the chain with
+//                                x509BuildPath and checks it with x509ValidatePath instead,
+//                                printing "code N: reason" as before. T is seconds since 1970
+//                                or a UTC date "YYYY-MM-DD[THH:MM:SS]"; the default is now.
 //   tessel genkey / req / ca     make keys, requests, certificates and CRLs (issue_commands.cpp)
 //   tessel ts query|reply|verify RFC 3161 time-stamps (ts_commands.cpp)
 #include <sys/stat.h>
@@ -183,11 +188,32 @@ struct VerifyOptions {
   std::vector<const char*> cas;
   const char* cermRoot = nullptr;
   unsigned mask = 0xFFFFFFFF;
-  bool all = false, crlCheck = false;
+  bool all = false, crlCheck = false, legacy = false;
+  tessel::VerifyPurpose purpose = tessel::VerifyPurpose::serverAuth;
+  unsigned maxDepth = tessel::VerifyOptions().maxDepth;
   std::string host, email;
   ol::IPAddr6 ip;
   tessel::TimePoint now = tessel::TimePoint::now();
 };
+
+bool parseCount(const char* text, unsigned* out) {
+  char* end = nullptr;
+  const unsigned long n = std::strtoul(text, &end, 10);
+  if (*text < '0' || *text > '9' || *end != '\0' || n > 64) return false;
+  *out = static_cast<unsigned>(n);
+  return true;
+}
+
+bool parsePurpose(std::string_view name, tessel::VerifyPurpose* out) {
+  using tessel::VerifyPurpose;
+  static constexpr std::pair<std::string_view, VerifyPurpose> kNames[] = {
+      {"server", VerifyPurpose::serverAuth},         {"client", VerifyPurpose::clientAuth},
+      {"codeSigning", VerifyPurpose::codeSigning},   {"email", VerifyPurpose::emailProtection},
+      {"timeStamping", VerifyPurpose::timeStamping}, {"any", VerifyPurpose::any}};
+  for (const auto& [n, p] : kNames)
+    if (n == name) return *out = p, true;
+  return false;
+}
 
 bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
   for (int i = 2; i < argc; ++i) {
@@ -196,6 +222,7 @@ bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
     bool ok = true;
     if (arg == "--all") o->all = true;
     else if (arg == "--crl-check") o->crlCheck = true;
+    else if (arg == "--legacy") o->legacy = true;
     else if (arg.starts_with("--") && value == nullptr) return false;
     else if (arg == "--ca") o->cas.push_back(argv[++i]);
     else if (arg == "--cerm") o->cermRoot = argv[++i];
@@ -204,6 +231,8 @@ bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
     else if (arg == "--email") o->email = argv[++i];
     else if (arg == "--ip") ok = o->ip.parse(argv[++i]);
     else if (arg == "--time") ok = parseTime(argv[++i], &o->now);
+    else if (arg == "--purpose") ok = parsePurpose(argv[++i], &o->purpose);
+    else if (arg == "--max-depth") ok = parseCount(argv[++i], &o->maxDepth);
     else if (o->chain == nullptr && !arg.starts_with("--")) o->chain = argv[i];
     else return false;
     if (!ok) {
@@ -214,12 +243,39 @@ bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
   return o->chain != nullptr;
 }
 
+// verifyWithChain runs verifyChain on the file's certificates (the first is the leaf) and prints
+// the chain it chose and its verdict.
+int verifyWithChain(const std::vector<std::shared_ptr<tessel::X509Certificate>>& certs,
+                    const tessel::CertificateStore& store, const VerifyOptions& o) {
+  using namespace tessel;
+  if (certs.empty()) {
+    std::cout << "code " << unsigned(VerifyCode::noPath) << ": " << verifyCodeText(VerifyCode::noPath) << "\n";
+    return 1;
+  }
+  tessel::VerifyOptions options;
+  options.time = o.now;
+  options.purpose = o.purpose;
+  options.dnsName = o.host;
+  options.ip = o.ip;
+  options.email = o.email;
+  options.maxDepth = o.maxDepth;
+  options.checkRevocation = o.crlCheck;
+  const std::vector<std::shared_ptr<X509Certificate>> intermediates(certs.begin() + 1, certs.end());
+  const VerifyResult r = verifyChain(*certs[0], intermediates, store, options);
+  for (const auto& c : r.chain) std::cout << "chain: " << c->subject.str() << "\n";
+  std::cout << "code " << unsigned(r.code) << ": " << r.text;
+  if (!r.ok()) std::cout << " (certificate " << r.index << ")";
+  std::cout << "\n";
+  return r.ok() ? 0 : 1;
+}
+
 int cmdVerify(int argc, char** argv) {
   using namespace tessel;
   VerifyOptions o;
   if (!parseVerifyOptions(argc, argv, &o)) {
     std::cerr << "usage: tessel verify CHAIN [--ca DIR|FILE]... [--cerm ROOT [--mask M] [--all]]\n"
-                 "                    [--host NAME] [--ip ADDR] [--email ADDR] [--time T] [--crl-check]\n";
+                 "                    [--host NAME] [--ip ADDR] [--email ADDR] [--time T] [--crl-check]\n"
+                 "                    [--purpose P] [--max-depth N] [--legacy]\n";
     return 2;
   }
   CertificateMemoryStore store;
@@ -242,6 +298,7 @@ int cmdVerify(int argc, char** argv) {
   if (chain.empty()) {
     if (auto cert = readCertFromStr(text)) chain.push_back(std::move(cert));
   }
+  if (!o.legacy) return verifyWithChain(chain, store, o);
   if (!chain.empty()) x509BuildPath(store, chain, nullptr);
   std::string reason;
   const unsigned code = x509ValidatePath(chain, store, o.now, o.host, o.ip, o.email, o.crlCheck, &reason);

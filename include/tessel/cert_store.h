@@ -28,9 +28,25 @@ class CertificateStore {
   // whose subject key identifier equals `authorityKeyId`; empty when the store has none.
   virtual std::shared_ptr<X509Certificate> findIssuer(const DistinguishedName& issuer,
                                                       const asn1::blob& authorityKeyId) const = 0;
+  // findIssuers returns every certificate findIssuer could return, in the store's order (at
+  // most `limit`). A store that cannot list its certificates keeps this default: findIssuer's.
+  virtual std::vector<std::shared_ptr<X509Certificate>> findIssuers(const DistinguishedName& issuer,
+                                                                    const asn1::blob& authorityKeyId,
+                                                                    std::size_t limit) const {
+    std::vector<std::shared_ptr<X509Certificate>> out;
+    if (auto one = limit > 0 ? findIssuer(issuer, authorityKeyId) : nullptr) out.push_back(std::move(one));
+    return out;
+  }
   // findCrl returns a CRL issued by the issuer of `cert` (matched by name, and by key
   // identifier where the CRL and the certificate both carry one); empty when none is held.
   virtual std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const = 0;
+  // findCrlFor is findCrl with `issuer` (may be null; not kept) offered as one more candidate
+  // signer: the certificate a caller has found, or will check, to have signed `cert`. A store
+  // that does not check CRL signatures keeps this default, which ignores it.
+  virtual std::shared_ptr<X509Crl> findCrlFor(const X509Certificate& cert, const X509Certificate* issuer) const {
+    (void)issuer;
+    return findCrl(cert);
+  }
   // findCertificate returns the first certificate for which `match` is true (signed messages
   // name their signer by issuer and serial number, or by key id); empty when none is. A store
   // that cannot list its certificates keeps this default, which finds nothing.
@@ -76,7 +92,20 @@ class CertificateMemoryStore : public CertificateStore {
 
   std::shared_ptr<X509Certificate> findIssuer(const DistinguishedName& issuer,
                                               const asn1::blob& authorityKeyId) const override;
+  // findIssuers walks the certificates in load order.
+  std::vector<std::shared_ptr<X509Certificate>> findIssuers(const DistinguishedName& issuer,
+                                                            const asn1::blob& authorityKeyId,
+                                                            std::size_t limit) const override;
+  // findCrl returns the newest CRL covering `cert` whose signature verifies under an issuer of
+  // `cert` the store holds (same name, agreeing key id, and `cert` verifies under its key) that
+  // has no keyUsage or one with cRLSign, or under a CRL signer such an issuer certified (same
+  // name, keyUsage cRLSign). Empty when no CRL passes. Verdicts are kept per CRL and key.
   std::shared_ptr<X509Crl> findCrl(const X509Certificate& cert) const override;
+  // findCrlFor is findCrl with `issuer` (may be null) tried as an issuer beside the store's.
+  std::shared_ptr<X509Crl> findCrlFor(const X509Certificate& cert, const X509Certificate* issuer) const override;
+  // findCrlUnverified returns the newest CRL covering `cert` by name and key identifier alone,
+  // its signature unchecked: a diagnostic view, never a ground for a revocation decision.
+  std::shared_ptr<X509Crl> findCrlUnverified(const X509Certificate& cert) const;
   // findCertificate scans the certificates in load order.
   std::shared_ptr<X509Certificate> findCertificate(
       const std::function<bool(const X509Certificate&)>& match) const override;
@@ -93,6 +122,8 @@ class CertificateMemoryStore : public CertificateStore {
     std::unique_ptr<Index> index;
     std::mutex mutex;
   };
+  // crlVerifies checks `crl` under `signer`'s key, through the verdicts kept in the index.
+  bool crlVerifies(const std::shared_ptr<X509Crl>& crl, const X509Certificate& signer) const;
   // refreshedIndex brings the index up to date with the lists; the slot's mutex must be held.
   Index& refreshedIndex() const;
   mutable IndexSlot slot_;

@@ -51,6 +51,7 @@
 #include "tessel/secret.h"
 #include "tessel/timepoint.h"
 #include "tessel/timestamp.h"
+#include "tessel/verify.h"
 #include "tessel/x25519.h"
 #include "tessel/x509.h"
 #include "tessel/x509_path.h"

@@ -9,11 +9,15 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "ol/file.h"
+#include "tessel/oids.h"
 #include "tessel/pem.h"
+#include "tessel/x509_path.h"
 
 namespace tessel {
 
@@ -120,6 +124,9 @@ struct CertificateMemoryStore::Index {
   Seen certsSeen, crlsSeen;
   std::unordered_map<std::uint64_t, std::size_t> firstCert;
   std::unordered_map<std::uint64_t, std::size_t> newestCrl;
+  // crlVerdicts keeps whether a CRL's signature verified under a key (its SubjectPublicKeyInfo),
+  // so that repeated lookups cost no signature checks.
+  std::map<std::pair<const X509Crl*, std::string>, bool> crlVerdicts;
 };
 
 CertificateMemoryStore::IndexSlot::IndexSlot() = default;
@@ -211,6 +218,17 @@ std::shared_ptr<X509Certificate> CertificateMemoryStore::findIssuer(const Distin
   return scanIssuer(certificates, issuer, authorityKeyId);
 }
 
+std::vector<std::shared_ptr<X509Certificate>> CertificateMemoryStore::findIssuers(const DistinguishedName& issuer,
+                                                                                  const asn1::blob& authorityKeyId,
+                                                                                  std::size_t limit) const {
+  std::vector<std::shared_ptr<X509Certificate>> out;
+  for (const auto& cert : certificates) {
+    if (out.size() >= limit) break;
+    if (cert && issues(*cert, issuer, authorityKeyId)) out.push_back(cert);
+  }
+  return out;
+}
+
 std::shared_ptr<X509Certificate> CertificateMemoryStore::findCertificate(
     const std::function<bool(const X509Certificate&)>& match) const {
   for (const std::shared_ptr<X509Certificate>& c : certificates)
@@ -218,7 +236,7 @@ std::shared_ptr<X509Certificate> CertificateMemoryStore::findCertificate(
   return nullptr;
 }
 
-std::shared_ptr<X509Crl> CertificateMemoryStore::findCrl(const X509Certificate& cert) const {
+std::shared_ptr<X509Crl> CertificateMemoryStore::findCrlUnverified(const X509Certificate& cert) const {
   const std::uint64_t key = nameHash(cert.issuer);
   std::shared_ptr<X509Crl> found;
   {
@@ -244,6 +262,112 @@ std::shared_ptr<X509Crl> CertificateMemoryStore::findCrl(const X509Certificate& 
   }
   if (found && covers(*found, cert)) return found;
   return scanCrl(crls, cert);
+}
+
+namespace {
+
+// signedBy reads the signature as stored certificates and CRLs have always been read and, when
+// that refuses it (RSASSA-PSS, which it does not know), to the letter of its scheme.
+bool signedBy(const X509Base& object, const X509Certificate& signer) {
+  PathRes ignored;
+  if (verifySignature(&object, asn1::blob(signer.publicKeyInfo), &ignored)) return true;
+  const std::shared_ptr<PublicKey> key = signer.parsePublicKey();
+  return ignored.code == pathBadAlgorithm && key && object.verify(*key);
+}
+
+bool hasKeyUsage(const X509Certificate& cert) {
+  bool critical = false;
+  asn1::blob value;
+  return cert.findExtension(asn1::oid::keyUsage.content(), &critical, &value);
+}
+
+bool mayUse(const X509Certificate& cert, std::uint32_t bit) { return !hasKeyUsage(cert) || (cert.keyUsage & bit); }
+
+// CrlSigners are the keys whose CRLs speak for one certificate: its issuers (of its issuer's
+// name and key id, with a key its signature verifies under) allowed to sign CRLs, and the CRL
+// signers one of those issuers certified.
+struct CrlSigners {
+  std::vector<std::shared_ptr<X509Certificate>> held;  // keeps store entries alive
+  std::vector<const X509Certificate*> keys;
+};
+
+CrlSigners crlSignersOf(const std::vector<std::shared_ptr<X509Certificate>>& certs, const X509Certificate& cert,
+                        const X509Certificate* offered) {
+  CrlSigners out;
+  std::vector<const X509Certificate*> named, issuers;
+  for (const auto& c : certs) {
+    if (!c || !(c->subject == cert.issuer)) continue;
+    out.held.push_back(c);
+    named.push_back(c.get());
+  }
+  if (offered) named.push_back(offered);
+  for (const X509Certificate* c : named)
+    if (keyIdsAgree(c->subjectKeyId, asn1::blob(cert.authorityKeyId)) && signedBy(cert, *c)) issuers.push_back(c);
+  for (const X509Certificate* i : issuers)
+    if (mayUse(*i, kuCrlSign)) out.keys.push_back(i);
+  if (issuers.empty()) return out;
+  for (const X509Certificate* s : named) {
+    if (std::find(issuers.begin(), issuers.end(), s) != issuers.end() || !hasKeyUsage(*s) || !(s->keyUsage & kuCrlSign))
+      continue;
+    for (const X509Certificate* i : issuers) {
+      if (keyIdsAgree(i->subjectKeyId, asn1::blob(s->authorityKeyId)) && signedBy(*s, *i)) {
+        out.keys.push_back(s);
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+bool CertificateMemoryStore::crlVerifies(const std::shared_ptr<X509Crl>& crl, const X509Certificate& signer) const {
+  if (!keyIdsAgree(crl->authorityKeyId, asn1::blob(signer.subjectKeyId))) return false;
+  std::pair<const X509Crl*, std::string> key(crl.get(),
+                                             std::string(signer.publicKeyInfo.begin(), signer.publicKeyInfo.end()));
+  {
+    std::lock_guard<std::mutex> lock(slot_.mutex);
+    const Index& ix = refreshedIndex();
+    if (auto it = ix.crlVerdicts.find(key); it != ix.crlVerdicts.end()) return it->second;
+  }
+  // Checked outside the lock: two threads may both check one pair, and agree.
+  const bool good = signedBy(*crl, signer);
+  std::lock_guard<std::mutex> lock(slot_.mutex);
+  refreshedIndex().crlVerdicts.emplace(std::move(key), good);
+  return good;
+}
+
+std::shared_ptr<X509Crl> CertificateMemoryStore::findCrl(const X509Certificate& cert) const {
+  return findCrlFor(cert, nullptr);
+}
+
+std::shared_ptr<X509Crl> CertificateMemoryStore::findCrlFor(const X509Certificate& cert,
+                                                            const X509Certificate* issuer) const {
+  // The newest list of the issuer's name, whatever its key id, is the answer whenever it passes.
+  std::shared_ptr<X509Crl> newest;
+  {
+    std::lock_guard<std::mutex> lock(slot_.mutex);
+    const Index& ix = refreshedIndex();
+    auto it = ix.newestCrl.find(anyKeyIdBucket(nameHash(cert.issuer)));
+    if (it == ix.newestCrl.end()) return nullptr;
+    newest = crls[it->second];
+  }
+  const CrlSigners signers = crlSignersOf(certificates, cert, issuer);
+  if (signers.keys.empty()) return nullptr;
+  auto authentic = [&](const std::shared_ptr<X509Crl>& crl) {
+    for (const X509Certificate* s : signers.keys)
+      if (crlVerifies(crl, *s)) return true;
+    return false;
+  };
+  if (newest && newest->issuer == cert.issuer && authentic(newest)) return newest;
+  std::vector<std::shared_ptr<X509Crl>> named;
+  for (const auto& crl : crls)
+    if (crl && crl->issuer == cert.issuer) named.push_back(crl);
+  std::stable_sort(named.begin(), named.end(),
+                   [](const auto& a, const auto& b) { return b->thisUpdate < a->thisUpdate; });
+  for (const auto& crl : named)
+    if (authentic(crl)) return crl;
+  return nullptr;
 }
 
 }  // namespace tessel

@@ -132,7 +132,12 @@ unsigned checkCertificate(const Chain& chain, size_t i, const CertificateStore& 
     return pathExpired;
   }
   if (!checkCrl) return pathValid;
-  if (auto crl = store.findCrl(cert)) {
+  // The next certificate of the chain signs this one when the store does not hold it (the walk
+  // checks that below), so its CRLs count; a held one is found through the store instead, so
+  // that a peer's copy of an anchor over another key never vouches for a CRL.
+  const X509Certificate* next = i + 1 < chain.size() ? chain[i + 1].get() : nullptr;
+  if (next && store.findIssuer(next->subject, asn1::blob(next->subjectKeyId))) next = nullptr;
+  if (auto crl = store.findCrlFor(cert, next)) {
     if (isRevoked(*crl, cert)) {
       *error = "cert is revoked by crl - \"" + describe(cert) + "\"";
       return pathRevoked;
