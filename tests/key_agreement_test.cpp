@@ -2,23 +2,16 @@
 // with: both against OpenSSL's libcrypto (EVP_PKEY_derive, the X963KDF of EVP_KDF).
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
-#include <openssl/evp.h>
 #include <openssl/kdf.h>
-#include <openssl/x509.h>
 
 #include "issuing_support.h"
+#include "openssl_oracle.h"
 #include "tessel/factory.h"
 #include "tessel/keygen.h"
 #include "tessel/x963_kdf.h"
 
 namespace tessel::test {
 namespace {
-
-EVP_PKEY* toOpenSsl(const PrivateKey& key) {
-  const Bytes der = encodePkcs8PrivateKey(key);
-  const unsigned char* p = der.data();
-  return d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size()));
-}
 
 Bytes opensslDerive(EVP_PKEY* mine, EVP_PKEY* peer) {
   EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(mine, nullptr);
@@ -47,10 +40,8 @@ TEST(KeyAgreement, SameSecretAsOpenSsl) {
     ASSERT_TRUE(mine && peer);
     const Bytes ours = mine->agree(*peer->publicPart());
     EXPECT_EQ(ours, peer->agree(*mine));
-    EVP_PKEY *a = toOpenSsl(*mine), *b = toOpenSsl(*peer);
-    EXPECT_EQ(ours, opensslDerive(a, b));
-    EVP_PKEY_free(a);
-    EVP_PKEY_free(b);
+    EXPECT_EQ(ours, opensslDerive(opensslKey(encodePkcs8PrivateKey(*mine)).get(),
+                                  opensslKey(encodePkcs8PrivateKey(*peer)).get()));
     EXPECT_FALSE(ours.empty());
   }
   // Across types and curves nothing is agreed; keys that only sign agree on nothing.

@@ -7,18 +7,14 @@
 #include <cstdlib>
 #include <memory>
 
+#include "bignum_support.h"
 #include "keys/rsa_keygen.h"
-#include "support.h"
 #include "tessel/keygen.h"
 #include "tessel/mlkem_keys.h"
 #include "tessel/pkcs8.h"
 #include "tessel/rsa.h"
 
 #if TESSEL_HAVE_OPENSSL
-#include <openssl/bn.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
-
 #include "openssl_oracle.h"
 
 namespace tessel::test {
@@ -41,49 +37,25 @@ class SeededRng : public Rng {
   std::size_t budget_;
 };
 
-using Pkey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
-Bn bn(const BigNum& x) { return {BN_bin2bn(x.bin().data(), static_cast<int>(x.bin().size()), nullptr), BN_free}; }
-
-// opensslKey reads our PKCS#8 with libcrypto and expects its key check to pass.
-Pkey opensslKey(const Bytes& der) {
-  const unsigned char* p = der.data();
-  Pkey key(d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size())), EVP_PKEY_free);
-  EXPECT_TRUE(key && p == der.data() + der.size()) << "libcrypto refuses the PKCS#8";
-  if (!key) return key;
-  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key.get(), nullptr);
-  EXPECT_EQ(EVP_PKEY_check(ctx), 1) << "libcrypto's key check fails";
+// checkedKey reads our PKCS#8 with libcrypto and expects its key check to pass.
+EvpKey checkedKey(const Bytes& der) {
+  EvpKey key = opensslKey(der);
+  EVP_PKEY_CTX* ctx = key ? EVP_PKEY_CTX_new(key.get(), nullptr) : nullptr;
+  EXPECT_TRUE(ctx && EVP_PKEY_check(ctx) == 1) << "libcrypto refuses the PKCS#8 or its key check fails";
   EVP_PKEY_CTX_free(ctx);
   return key;
 }
 
-bool opensslVerifies(EVP_PKEY* key, const SignatureParams& params, const Bytes& msg, const Bytes& sig) {
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  EVP_PKEY_CTX* pctx = nullptr;
-  bool ok = EVP_DigestVerifyInit(ctx, &pctx, params.hash ? evpDigest(params.hash) : nullptr, nullptr, key) == 1;
-  if (ok && params.pss) ok = EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1;
-  ok = ok && EVP_DigestVerify(ctx, sig.data(), sig.size(), msg.data(), msg.size()) == 1;
-  EVP_MD_CTX_free(ctx);
-  return ok;
-}
-
 // checkRsaShape checks what libcrypto's key check does not: the sizes, |p − q|, and d below λ.
 void checkRsaShape(const RsaPrivateKey& key, unsigned bits) {
-  BN_CTX* ctx = BN_CTX_new();
-  Bn p = bn(key.p), q = bn(key.q), d = bn(key.d), g(BN_new(), BN_free), l(BN_new(), BN_free);
   EXPECT_EQ(key.n.bits(), bits);
   EXPECT_EQ(key.e, BigNum(65537));
   for (const BigNum* prime : {&key.p, &key.q})
     EXPECT_TRUE(prime->bits() == bits / 2 && prime->getBit(bits / 2 - 2)) << "top two bits";
-  BN_sub_word(p.get(), 1);
-  BN_sub_word(q.get(), 1);
-  BN_gcd(g.get(), p.get(), q.get(), ctx);
-  BN_mul(l.get(), p.get(), q.get(), ctx);
-  BN_div(l.get(), nullptr, l.get(), g.get(), ctx);
-  EXPECT_LT(BN_cmp(d.get(), l.get()), 0) << "d is not reduced modulo lcm(p-1, q-1)";
-  BN_sub(g.get(), p.get(), q.get());
-  EXPECT_GT(BN_num_bits(g.get()), static_cast<int>(bits / 2 - 100));
-  BN_CTX_free(ctx);
+  const BigNum p1 = key.p - BigNum(1u), q1 = key.q - BigNum(1u);
+  auto quotient = [](BIGNUM* r, const BIGNUM* x, const BIGNUM* y, BN_CTX* c) { return BN_div(r, nullptr, x, y, c); };
+  EXPECT_LT(key.d, ossl(quotient, ossl(BN_mul, p1, q1), ossl(BN_gcd, p1, q1))) << "d not reduced mod lcm(p-1, q-1)";
+  EXPECT_GT((key.p < key.q ? key.q - key.p : key.p - key.q).bits(), bits / 2 - 100);
 }
 
 struct Case {
@@ -126,10 +98,10 @@ TEST(KeyGen, EveryTypeIsReproducibleFreshAndAcceptedByOpenssl) {
       EXPECT_EQ(secret, back);
       continue;
     }
-    Pkey ossl = opensslKey(der);
-    ASSERT_TRUE(ossl);
+    EvpKey theirs = checkedKey(der);
+    ASSERT_TRUE(theirs);
     unsigned char* spki = nullptr;
-    const int spkiLen = i2d_PUBKEY(ossl.get(), &spki);
+    const int spkiLen = i2d_PUBKEY(theirs.get(), &spki);
     EXPECT_EQ(Bytes(spki, spki + spkiLen), encodeSubjectPublicKeyInfo(*key)) << "public part differs";
     OPENSSL_free(spki);
     if (c.type == keyRsa) checkRsaShape(static_cast<RsaPrivateKey&>(*key), c.size);
@@ -139,7 +111,7 @@ TEST(KeyGen, EveryTypeIsReproducibleFreshAndAcceptedByOpenssl) {
       SignatureParams params;
       params.hash = c.hash;
       params.pss = pss;
-      EXPECT_TRUE(opensslVerifies(ossl.get(), params, msg, key->sign(asn1::blob(msg), params))) << "pss " << pss;
+      EXPECT_TRUE(opensslVerifies(theirs.get(), params, msg, key->sign(asn1::blob(msg), params))) << "pss " << pss;
     }
   }
 }
@@ -157,7 +129,7 @@ TEST(KeyGen, ShortRsaKeysPassOpensslCheck) {
     SeededRng rng(bits);
     RsaPrivateKey key;
     ASSERT_TRUE(rsa::generateKey(key, bits, rng));
-    ASSERT_TRUE(opensslKey(encodePkcs8PrivateKey(key)));
+    ASSERT_TRUE(checkedKey(encodePkcs8PrivateKey(key)));
     checkRsaShape(key, bits);
     EXPECT_FALSE(rsa::deriveKey(key, key.p, key.p, bits / 2)) << "p = q must be refused";
   }
@@ -166,32 +138,24 @@ TEST(KeyGen, ShortRsaKeysPassOpensslCheck) {
 // isProbablePrime against BN_check_prime: random odd numbers, libcrypto's primes, their
 // products, and Carmichael numbers (6k+1)(12k+1)(18k+1), which pass every Fermat test.
 TEST(KeyGen, PrimeTestAgreesWithOpenssl) {
-  BN_CTX* ctx = BN_CTX_new();
+  BnCtx ctx;
   TestRng gen(7);
   SeededRng rng(8);
-  auto agree = [&](const Bytes& w) {
-    BigNum x{asn1::blob(w)};
-    Bn b = bn(x);
-    EXPECT_EQ(rsa::isProbablePrime(x, 8, rng), BN_check_prime(b.get(), ctx, nullptr) == 1) << x.str();
+  auto agree = [&](const BigNum& x) {
+    EXPECT_EQ(rsa::isProbablePrime(x, 8, rng), BN_check_prime(toBn(x).get(), ctx, nullptr) == 1) << x.str();
   };
   for (int i = 0; i < rounds(300); ++i) {
     Bytes w = gen.bytes(4 + gen.below(40));
     w[0] |= 0x80;
     w.back() |= 1;
-    agree(w);
+    agree(BigNum(asn1::blob(w)));
   }
   for (int bits : {40, 64, 100, 256, 521}) {
-    Bn p(BN_new(), BN_free), q(BN_new(), BN_free);
+    Bn p = newBn(), q = newBn();
     BN_generate_prime_ex(p.get(), bits, 0, nullptr, nullptr, nullptr);
     BN_generate_prime_ex(q.get(), bits, 0, nullptr, nullptr, nullptr);
-    auto bytes = [](const BIGNUM* v) {
-      Bytes out(static_cast<std::size_t>(BN_num_bytes(v)));
-      BN_bn2bin(v, out.data());
-      return out;
-    };
-    agree(bytes(p.get()));
-    BN_mul(q.get(), p.get(), q.get(), ctx);
-    agree(bytes(q.get()));
+    agree(fromBn(p.get()));
+    agree(ossl(BN_mul, fromBn(p.get()), fromBn(q.get())));
   }
   int found = 0;
   for (std::uint64_t k = 400; found < 3; ++k) {
@@ -201,9 +165,8 @@ TEST(KeyGen, PrimeTestAgreesWithOpenssl) {
       for (std::uint64_t t = 2; t * t <= v && allPrime; ++t) allPrime = v % t != 0;
     if (!allPrime) continue;
     ++found;
-    agree(bn64(f[0] * f[1] * f[2]).bin());
+    agree(bn64(f[0] * f[1] * f[2]));
   }
-  BN_CTX_free(ctx);
 }
 
 }  // namespace

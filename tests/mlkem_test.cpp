@@ -28,40 +28,35 @@ void expectVerdict(const nlohmann::json& t, bool ok, std::initializer_list<std::
   for (const auto& [name, value] : outputs) EXPECT_EQ(toHex(value), t[name]) << name;
 }
 
-// Keys from seeds, then decapsulation of the given ciphertext (the implicit rejection value where
-// the ciphertext is not the encryption of anything we would send).
-TEST(MLKEM768, KeyGenAndDecaps) {
+// Every case of the three Wycheproof files: keys from seeds, then decapsulation of the given
+// ciphertext (the implicit rejection value where it is not the encryption of anything we would
+// send); encapsulation with the key checks; decapsulation with the decapsulation-key checks.
+TEST(MLKEM768, Wycheproof) {
   LOAD_VECTORS(v, "wycheproof/mlkem_768_test.json");
-  int n = test::forEachWycheproofTest(v, [](const nlohmann::json&, const nlohmann::json& t) {
+  LOAD_VECTORS(encaps, "wycheproof/mlkem_768_encaps_test.json");
+  LOAD_VECTORS(decaps, "wycheproof/mlkem_768_semi_expanded_decaps_test.json");
+  auto keyGenDecaps = [](const nlohmann::json&, const nlohmann::json& t) {
     const Bytes seed = *field(t, "seed"), c = *field(t, "c");
     Bytes ek, dk, secret;
     const bool ok = seed.size() == 64 && mlkem768::keyGen({seed.data(), 32}, {seed.data() + 32, 32}, ek, dk) &&
                     MLKEMDecap(dk).decapsulate(c, secret);
     expectVerdict(t, ok, {{"ek", ek}, {"K", secret}});
-  });
-  EXPECT_EQ(n, 193);
-}
-
-TEST(MLKEM768, Encaps) {
-  LOAD_VECTORS(v, "wycheproof/mlkem_768_encaps_test.json");
-  int n = test::forEachWycheproofTest(v, [](const nlohmann::json&, const nlohmann::json& t) {
+  };
+  auto encapsulate = [](const nlohmann::json&, const nlohmann::json& t) {
     const MLKEMEncap encap(*field(t, "ek"));
     Bytes c, secret;
     const bool ok = encap.encapsulate(*field(t, "m"), c, secret);
     EXPECT_EQ(ok, encap.isValid());
     expectVerdict(t, ok, {{"c", c}, {"K", secret}});
-  });
-  EXPECT_EQ(n, 265);
-}
-
-TEST(MLKEM768, DecapsKeyChecks) {
-  LOAD_VECTORS(v, "wycheproof/mlkem_768_semi_expanded_decaps_test.json");
-  int n = test::forEachWycheproofTest(v, [](const nlohmann::json&, const nlohmann::json& t) {
+  };
+  auto decapKeyChecks = [](const nlohmann::json&, const nlohmann::json& t) {
     Bytes secret;
     const bool ok = MLKEMDecap(*field(t, "dk")).decapsulate(*field(t, "c"), secret);
     expectVerdict(t, ok, {{"K", secret}});
-  });
-  EXPECT_EQ(n, 9);
+  };
+  EXPECT_EQ(test::forEachWycheproofTest(v, keyGenDecaps), 193);
+  EXPECT_EQ(test::forEachWycheproofTest(encaps, encapsulate), 265);
+  EXPECT_EQ(test::forEachWycheproofTest(decaps, decapKeyChecks), 9);
 }
 
 // ---- the key classes ----

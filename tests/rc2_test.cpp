@@ -1,4 +1,5 @@
-// RC2 against the answers published with it in RFC 2268 (section 5), both directions.
+// RC2 against the answers published with it in RFC 2268 (section 5, tests/data/rc2_rfc2268.json),
+// both directions.
 #include "support.h"
 #include "tessel/block.h"
 
@@ -10,29 +11,18 @@ using test::fromHex;
 using test::toHex;
 
 TEST(Rc2, PublishedAnswers) {
-  const struct {
-    unsigned effectiveBits;
-    const char *key, *plain, *cipher;
-  } cases[] = {
-      {63, "0000000000000000", "0000000000000000", "ebb773f993278eff"},
-      {64, "ffffffffffffffff", "ffffffffffffffff", "278b27e42e2f0d49"},
-      {64, "3000000000000000", "1000000000000001", "30649edf9be7d2c2"},
-      {64, "88", "0000000000000000", "61a8a244adacccf0"},
-      {64, "88bca90e90875a", "0000000000000000", "6ccf4308974c267f"},
-      {64, "88bca90e90875a7f0f79c384627bafb2", "0000000000000000", "1a807d272bbe5db1"},
-      {128, "88bca90e90875a7f0f79c384627bafb2", "0000000000000000", "2269552ab0f85ca6"},
-      {129, "88bca90e90875a7f0f79c384627bafb216f80a6f85920584c42fceb0be255daf1e", "0000000000000000",
-       "5b78d3a43dfff1f1"},
-  };
+  const nlohmann::json cases = test::dataFile("rc2_rfc2268.json")["cases"];
+  ASSERT_EQ(cases.size(), 8u);
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.key);
-    const Bytes key = fromHex(c.key), plain = fromHex(c.plain), cipher = fromHex(c.cipher);
-    const RC2 rc2(key.data(), static_cast<unsigned>(key.size()), c.effectiveBits);
+    SCOPED_TRACE(c.dump());
+    const Bytes key = fromHex(c[1].get<std::string>()), plain = fromHex(c[2].get<std::string>());
+    const Bytes cipher = fromHex(c[3].get<std::string>());
+    const RC2 rc2(key.data(), static_cast<unsigned>(key.size()), c[0].get<unsigned>());
     Bytes out(8);
     rc2.encrypt(plain.data(), out.data());
-    EXPECT_EQ(toHex(out), c.cipher);
+    EXPECT_EQ(toHex(out), c[3]);
     rc2.decrypt(cipher.data(), out.data());
-    EXPECT_EQ(toHex(out), c.plain);
+    EXPECT_EQ(toHex(out), c[2]);
   }
 }
 

@@ -2,12 +2,10 @@
 // OpenSSL decrypts what tessel encrypts and the other way round, key transport never says why a
 // PKCS#1 v1.5 block was refused, and the OAEP AlgorithmIdentifier round-trips through OpenSSL.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
 
 #include "backends.h"
 #include "issuing_support.h"
+#include "openssl_oracle.h"
 #include "tessel/rsa.h"
 
 namespace tessel::test {
@@ -85,26 +83,28 @@ TEST(RsaEncryption, WycheproofDecryption) {
   }
 }
 
-// OpenSSL's EVP with a key read from the same PKCS#8 file as tessel's.
-EVP_PKEY* opensslKey(const std::string& fixture) {
-  const Bytes der = fixtureDer("keys/" + fixture + ".pkcs8.der");
-  const unsigned char* p = der.data();
-  return d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size()));
+bool configure(EVP_PKEY_CTX* ctx, const EncryptionParams& p) {
+  if (EVP_PKEY_CTX_set_rsa_padding(ctx, p.oaep ? RSA_PKCS1_OAEP_PADDING : RSA_PKCS1_PADDING) <= 0) return false;
+  if (!p.oaep) return true;
+  if (EVP_PKEY_CTX_set_rsa_oaep_md(ctx, evpDigest(p.hash)) <= 0 ||
+      EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, evpDigest(p.mgfDigest())) <= 0)
+    return false;
+  if (p.label.empty()) return true;
+  auto* label = static_cast<unsigned char*>(OPENSSL_memdup(p.label.data(), p.label.size()));
+  return EVP_PKEY_CTX_set0_rsa_oaep_label(ctx, label, static_cast<int>(p.label.size())) > 0;
 }
 
-const EVP_MD* opensslDigest(HashID h) {
-  return h == hashSha1 ? EVP_sha1() : h == hashSha256 ? EVP_sha256() : h == hashSha384 ? EVP_sha384() : EVP_sha512();
-}
-
-void configure(EVP_PKEY_CTX* ctx, const EncryptionParams& p) {
-  ASSERT_GT(EVP_PKEY_CTX_set_rsa_padding(ctx, p.oaep ? RSA_PKCS1_OAEP_PADDING : RSA_PKCS1_PADDING), 0);
-  if (!p.oaep) return;
-  ASSERT_GT(EVP_PKEY_CTX_set_rsa_oaep_md(ctx, opensslDigest(p.hash)), 0);
-  ASSERT_GT(EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, opensslDigest(p.mgfDigest())), 0);
-  if (!p.label.empty()) {
-    unsigned char* label = static_cast<unsigned char*>(OPENSSL_memdup(p.label.data(), p.label.size()));
-    ASSERT_GT(EVP_PKEY_CTX_set0_rsa_oaep_label(ctx, label, static_cast<int>(p.label.size())), 0);
-  }
+// opensslCrypt encrypts or decrypts `in` with OpenSSL's EVP under `p`; nullopt when OpenSSL fails.
+std::optional<Bytes> opensslCrypt(EVP_PKEY* key, const EncryptionParams& p, const Bytes& in, bool encrypt) {
+  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
+  Bytes out(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
+  std::size_t len = out.size();
+  const bool ok = (encrypt ? EVP_PKEY_encrypt_init(ctx) : EVP_PKEY_decrypt_init(ctx)) > 0 && configure(ctx, p) &&
+                  (encrypt ? EVP_PKEY_encrypt(ctx, out.data(), &len, in.data(), in.size())
+                           : EVP_PKEY_decrypt(ctx, out.data(), &len, in.data(), in.size())) > 0;
+  EVP_PKEY_CTX_free(ctx);
+  out.resize(len);
+  return ok ? std::optional(out) : std::nullopt;
 }
 
 TEST(RsaEncryption, BothWaysWithOpenSsl) {
@@ -115,41 +115,27 @@ TEST(RsaEncryption, BothWaysWithOpenSsl) {
       {true, hashSha384, hashSha1, {'l', 'a', 'b'}},
       {true, hashSha512, hashSha256, {}},
   };
-  for (const char* name : {"rsa2048", "rsa3072"}) {
+  for (const std::string name : {"rsa2048", "rsa3072"}) {
     auto key = fixtureKey(name);
-    EVP_PKEY* ossl = opensslKey(name);
-    ASSERT_TRUE(key && ossl);
+    const EvpKey theirs = opensslKey(fixtureDer("keys/" + name + ".pkcs8.der"));
+    ASSERT_TRUE(key && theirs);
     const std::size_t k = static_cast<const RsaPrivateKey&>(*key).modulusLength();
     for (const EncryptionParams& p : schemes) {
-      SCOPED_TRACE(std::string(name) + (p.oaep ? " oaep " + std::to_string(p.hash) : " pkcs1"));
+      SCOPED_TRACE(name + (p.oaep ? " oaep " + std::to_string(p.hash) : " pkcs1"));
       const std::size_t room = p.oaep ? k - 2 * getHashLength(p.hash) - 2 : k - 11;
       for (std::size_t len : {std::size_t{0}, std::size_t{32}, room}) {
         Bytes msg(len);
         for (std::size_t i = 0; i < len; ++i) msg[i] = static_cast<unsigned char>(i * 7 + 1);
-        // tessel encrypts, OpenSSL decrypts.
         const Bytes ct = key->encrypt(asn1::blob(msg), p, getDefaultRng());
         ASSERT_EQ(ct.size(), k);
-        EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(ossl, nullptr);
-        ASSERT_GT(EVP_PKEY_decrypt_init(ctx), 0);
-        configure(ctx, p);
-        Bytes out(k);
-        std::size_t outLen = out.size();
-        ASSERT_GT(EVP_PKEY_decrypt(ctx, out.data(), &outLen, ct.data(), ct.size()), 0);
-        out.resize(outLen);
-        EXPECT_EQ(out, msg);
-        // OpenSSL encrypts, tessel decrypts.
-        ASSERT_GT(EVP_PKEY_encrypt_init(ctx), 0);
-        configure(ctx, p);
-        Bytes ct2(k);
-        std::size_t ctLen = ct2.size();
-        ASSERT_GT(EVP_PKEY_encrypt(ctx, ct2.data(), &ctLen, msg.data(), msg.size()), 0);
-        EVP_PKEY_CTX_free(ctx);
-        EXPECT_EQ(key->decrypt(asn1::blob(ct2), p), msg);
+        EXPECT_EQ(opensslCrypt(theirs.get(), p, ct, false), msg) << "tessel encrypts, OpenSSL decrypts";
+        const auto sealed = opensslCrypt(theirs.get(), p, msg, true);
+        ASSERT_TRUE(sealed);
+        EXPECT_EQ(key->decrypt(asn1::blob(*sealed), p), msg) << "OpenSSL encrypts, tessel decrypts";
       }
       Bytes tooLong(room + 1, 1);
       EXPECT_TRUE(key->encrypt(asn1::blob(tooLong), p, getDefaultRng()).empty());
     }
-    EVP_PKEY_free(ossl);
   }
 }
 
@@ -178,7 +164,7 @@ TEST(RsaEncryption, OaepAlgorithmIdentifierMatchesOpenSsl) {
     RSA_OAEP_PARAMS* params = d2i_RSA_OAEP_PARAMS(nullptr, &sp, ASN1_STRING_length(seq));
     ASSERT_TRUE(params);
     const int hashNid = params->hashFunc ? OBJ_obj2nid(params->hashFunc->algorithm) : NID_sha1;
-    EXPECT_EQ(hashNid, EVP_MD_get_type(opensslDigest(p.hash)));
+    EXPECT_EQ(hashNid, EVP_MD_get_type(evpDigest(p.hash)));
     RSA_OAEP_PARAMS_free(params);
     X509_ALGOR_free(alg);
   }

@@ -4,10 +4,9 @@
 // what it returns in public (the public key, the signature, whether a call failed), and the
 // ECDH secret is marked defined here before it is compared.
 // Run through tests/ct/run.sh; the exit code is memcheck's error count (0 = no leak of timing).
-#include <valgrind/memcheck.h>
+#include "ct_support.h"
 
 #include <cstdio>
-#include <vector>
 
 #include "tessel/ec_key.h"
 #include "tessel/hash.h"
@@ -15,10 +14,6 @@
 namespace {
 
 using namespace tessel;
-
-void markSecret(BigNum& x) {
-  VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.digits().size() * sizeof(BigNum::Digit));
-}
 
 BigNum scalarFor(Curve c, unsigned seed) {
   const unsigned len = (getOrderForECCurve(c).bits() + 7) / 8;
@@ -41,12 +36,12 @@ int main() {
     peer.setPrivateKey(c, scalarFor(c, 71));
 
     BigNum d = scalarFor(c, 13);
-    markSecret(d);
+    ctcheck::secretNum(d);
     const bool set = ours.setPrivateKey(c, d);
-    markSecret(ours.d);
+    ctcheck::secretNum(ours.d);
     const std::vector<unsigned char> sig = ours.signHashed(hashSha256, {digest, sizeof digest});
     std::vector<unsigned char> secret = ours.deriveSharedSecret(peer);
-    VALGRIND_MAKE_MEM_DEFINED(secret.data(), secret.size());
+    ctcheck::revealed(secret);
 
     const bool verifies = peer.verifyHashed({digest, sizeof digest}, {sig.data(), sig.size()}) == false &&
                           ours.verifyHashed({digest, sizeof digest}, {sig.data(), sig.size()});

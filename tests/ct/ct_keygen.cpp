@@ -5,12 +5,9 @@
 // included), and so are an EC key on every curve, an Ed25519 and an X25519 key. Only the verdicts on candidates, digit
 // counts and the modulus are public. Run through tests/ct/run.sh; the exit code is memcheck's error count (0 = no leak
 // of timing).
-#include <valgrind/memcheck.h>
+#include "ct_support.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <vector>
 
 #include "keys/rsa_keygen.h"
 #include "tessel/ec_key.h"
@@ -18,12 +15,8 @@
 
 namespace {
 
+using ctcheck::publicNum;
 using tessel::BigNum;
-
-void mark(BigNum& x, bool secret) {
-  if (secret) VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.size() * sizeof(BigNum::Digit));
-  else VALGRIND_MAKE_MEM_DEFINED(x.digits().data(), x.size() * sizeof(BigNum::Digit));
-}
 
 // SecretRng hands out undefined bytes from a fixed xorshift sequence.
 class SecretRng : public tessel::Rng {
@@ -33,7 +26,7 @@ class SecretRng : public tessel::Rng {
       state_ ^= state_ << 13, state_ ^= state_ >> 7, state_ ^= state_ << 17;
       buf[i] = static_cast<unsigned char>(state_);
     }
-    VALGRIND_MAKE_MEM_UNDEFINED(buf, len);
+    ctcheck::secret(buf, len);
     return true;
   }
   bool generateInsecure(unsigned char* buf, unsigned len) override { return generate(buf, len); }
@@ -50,17 +43,15 @@ BigNum mod(const BigNum& a, const BigNum& m) {
 
 bool derive() {
   using namespace tessel;
-  std::ifstream file("tests/data/keys/rsa2048.pkcs1.der", std::ios::binary);
-  const std::vector<unsigned char> der((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   RsaPrivateKey ref, key;
-  if (!ref.parseFromDerEncoded(asn1::blob(der), {})) return false;
+  if (!ref.parseFromDerEncoded(asn1::blob(ctcheck::fixture("keys/rsa2048.pkcs1.der")), {})) return false;
   BigNum p = ref.p, q = ref.q;
-  mark(p, true);
-  mark(q, true);
+  ctcheck::secretNum(p);
+  ctcheck::secretNum(q);
   SecretRng rng;
   const bool prime = rsa::isProbablePrime(p, rsa::millerRabinRounds(1024), rng);
   const bool derived = rsa::deriveKey(key, p, q, 1024);
-  for (BigNum* x : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) mark(*x, false);
+  for (BigNum* x : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) publicNum(*x);
   const bool swapped = ref.p < ref.q;
   const BigNum pm1 = key.p - BigNum(1), qm1 = key.q - BigNum(1);
   const bool ok = prime && derived && key.n == ref.n && key.p == (swapped ? ref.q : ref.p) &&
@@ -75,7 +66,7 @@ bool generate() {
   tessel::RsaPrivateKey key;
   SecretRng rng;
   bool ok = tessel::rsa::generateKey(key, 512, rng);
-  for (BigNum* x : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) mark(*x, false);
+  for (BigNum* x : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) publicNum(*x);
   ok = ok && key.n == key.p * key.q;
   std::printf("rsa-512 generation: %s\n", ok ? "ok" : "FAILS");
   return ok;
@@ -90,7 +81,7 @@ bool otherKeys() {
   for (unsigned c = 1; c <= 5; ++c) {
     EcPrivateKey key;
     ok &= key.generate(static_cast<Curve>(c), rng);
-    mark(key.d, false);
+    publicNum(key.d);
     ok &= key.curve == static_cast<Curve>(c) && !key.d.isZero();
   }
   Ed25519PrivateKey ed;

@@ -5,58 +5,38 @@
 // outcome of its check are marked defined (they are public by design). MontModulus::exp is
 // checked on its own with secret base and exponent, on a curve-sized and an RSA-sized modulus.
 // Run through tests/ct/run.sh; the exit code is memcheck's error count (0 = no leak of timing).
-#include <valgrind/memcheck.h>
+#include "ct_support.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "bignum/mont_ct.h"
 #include "keys/rsa_private.h"
 #include "tessel/hash.h"
+#include "tessel/reducer.h"
 
 namespace {
 
-void markSecret(tessel::BigNum& x) {
-  VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit));
-}
-void markPublic(tessel::BigNum& x) {
-  VALGRIND_MAKE_MEM_DEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit));
-}
+using ctcheck::reveal;
+using ctcheck::revealed;
 
 bool rsaSign() {
   using namespace tessel;
-  std::ifstream file("tests/data/keys/rsa2048.pkcs1.der", std::ios::binary);
-  const std::vector<unsigned char> der((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   RsaPrivateKey key;
-  if (!key.parseFromDerEncoded(asn1::blob(der), {})) return false;
+  if (!key.parseFromDerEncoded(asn1::blob(ctcheck::fixture("keys/rsa2048.pkcs1.der")), {})) return false;
   unsigned char digest[32];
   for (int i = 0; i < 32; ++i) digest[i] = static_cast<unsigned char>(7 * i + 1);
   const std::vector<unsigned char> expected = key.signHashed(hashSha256, asn1::blob(digest, 32));
-  // The PKCS#1 v1.5 block of the signature: 00 01 FF..FF 00, SHA-256's DigestInfo, the digest.
-  static const unsigned char prefix[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
-                                         0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+  const BigNum c = expByMod(BigNum(asn1::blob(expected)), key.e, key.n);  // the signature's PKCS#1 v1.5 block
   const std::size_t k = key.modulusLength();
-  std::vector<unsigned char> em(k, 0xff);
-  em[0] = 0x00;
-  em[1] = 0x01;
-  em[k - 32 - sizeof prefix - 1] = 0x00;
-  std::copy(prefix, prefix + sizeof prefix, em.end() - 32 - sizeof prefix);
-  std::copy(digest, digest + 32, em.end() - 32);
-  const BigNum c{asn1::blob(em)};
-
-  for (BigNum* secret : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) markSecret(*secret);
-  std::vector<unsigned char> sig(k);
-  ct::Limb ok = rsa::privateOperationMasked(key, c, sig.data(), k);
-  VALGRIND_MAKE_MEM_DEFINED(&ok, sizeof ok);
-  VALGRIND_MAKE_MEM_DEFINED(sig.data(), sig.size());
+  for (BigNum* secret : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) ctcheck::secretNum(*secret);
+  std::vector<unsigned char> sig(k), plain(k);
+  const ct::Limb ok = reveal(rsa::privateOperationMasked(key, c, sig.data(), k));
+  revealed(sig);
   // The same through d alone, for keys without their CRT values.
-  for (BigNum* crt : {&key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) markPublic(*crt), *crt = BigNum();
-  std::vector<unsigned char> plain(k);
-  ct::Limb okPlain = rsa::privateOperationMasked(key, c, plain.data(), k);
-  VALGRIND_MAKE_MEM_DEFINED(&okPlain, sizeof okPlain);
-  VALGRIND_MAKE_MEM_DEFINED(plain.data(), plain.size());
+  for (BigNum* crt : {&key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) ctcheck::publicNum(*crt), *crt = BigNum();
+  const ct::Limb okPlain = reveal(rsa::privateOperationMasked(key, c, plain.data(), k));
+  revealed(plain);
   std::printf("rsa-2048 sign: crt %s, plain d %s\n", ok && sig == expected ? "ok" : "FAILS",
               okPlain && plain == expected ? "ok" : "FAILS");
   return ok && okPlain && sig == expected && plain == expected;
@@ -76,13 +56,12 @@ bool montExp(unsigned bits) {
   for (std::size_t i = 0; i < e.size(); ++i) e[i] = static_cast<unsigned char>(31 * i + 5);
   m.toMont(base.data(), base.data());
   m.expPublic_vartime(check.data(), base.data(), BigNum(asn1::blob(e)));
-  VALGRIND_MAKE_MEM_UNDEFINED(base.data(), base.size() * sizeof(ct::Limb));
-  VALGRIND_MAKE_MEM_UNDEFINED(e.data(), e.size());
+  ctcheck::secret(base.data(), base.size() * sizeof(ct::Limb));
+  ctcheck::secret(e.data(), e.size());
   m.exp(r.data(), base.data(), e.data(), e.size());
   m.invPrime(r.data(), r.data());  // Fermat's power has a public exponent but a secret base
   m.mul(r.data(), r.data(), base.data());
-  VALGRIND_MAKE_MEM_DEFINED(r.data(), r.size() * sizeof(ct::Limb));
-  VALGRIND_MAKE_MEM_DEFINED(base.data(), base.size() * sizeof(ct::Limb));
+  revealed(r, base);
   m.invPrime(check.data(), check.data());
   m.mul(check.data(), check.data(), base.data());
   const bool same = r == check;

@@ -4,12 +4,9 @@
 // checks over it stay undefined until the verdict is declassified by the library (decrypt,
 // unwrap) or, for key transport, never: the test marks the returned key defined to compare it.
 // Run through tests/ct/run.sh; the exit code is memcheck's error count (0 = no leak of timing).
-#include <valgrind/memcheck.h>
+#include "ct_support.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <vector>
 
 #include "tessel/keywrap.h"
 #include "tessel/rsa.h"
@@ -17,10 +14,7 @@
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
-void markSecret(tessel::BigNum& x) {
-  VALGRIND_MAKE_MEM_UNDEFINED(x.digits().data(), x.size() * sizeof(tessel::BigNum::Digit));
-}
+using ctcheck::revealed;
 
 class FixedRng : public tessel::Rng {
  public:
@@ -33,10 +27,8 @@ class FixedRng : public tessel::Rng {
 
 bool rsaDecrypt() {
   using namespace tessel;
-  std::ifstream file("tests/data/keys/rsa2048.pkcs1.der", std::ios::binary);
-  const Bytes der((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   RsaPrivateKey key;
-  if (!key.parseFromDerEncoded(asn1::blob(der), {})) return false;
+  if (!key.parseFromDerEncoded(asn1::blob(ctcheck::fixture("keys/rsa2048.pkcs1.der")), {})) return false;
   Bytes secret(32);
   for (int i = 0; i < 32; ++i) secret[i] = static_cast<unsigned char>(3 * i + 1);
   const EncryptionParams oaep{true, hashSha256, hashNone, {}}, pkcs1{};
@@ -45,13 +37,10 @@ bool rsaDecrypt() {
   Bytes forged = c2;
   forged[key.modulusLength() - 1] ^= 1;  // decrypts to a block without the PKCS#1 v1.5 shape
 
-  for (BigNum* s : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) markSecret(*s);
-  const Bytes m1 = key.decrypt(asn1::blob(c1), oaep);
-  VALGRIND_MAKE_MEM_DEFINED(m1.data(), m1.size());
-  Bytes m2 = key.decryptKey(asn1::blob(c2), pkcs1, 32, rng);
+  for (BigNum* s : {&key.d, &key.p, &key.q, &key.dP, &key.dQ, &key.qInv}) ctcheck::secretNum(*s);
+  Bytes m1 = key.decrypt(asn1::blob(c1), oaep), m2 = key.decryptKey(asn1::blob(c2), pkcs1, 32, rng);
   Bytes m3 = key.decryptKey(asn1::blob(forged), pkcs1, 32, rng);
-  VALGRIND_MAKE_MEM_DEFINED(m2.data(), m2.size());
-  VALGRIND_MAKE_MEM_DEFINED(m3.data(), m3.size());
+  revealed(m1, m2, m3);
   Bytes fallback(32);
   rng.generate(fallback.data(), 32);
   const bool ok = m1 == secret && m2 == secret && m3 == fallback;
@@ -66,11 +55,10 @@ bool keyUnwrap() {
   for (int i = 0; i < 24; ++i) key[i] = static_cast<unsigned char>(i * 5 + 2);
   const Bytes wrapped = tessel::aesKeyWrap(tessel::asn1::blob(kek), tessel::asn1::blob(key));
   const Bytes padded = tessel::aesKeyWrapPad(tessel::asn1::blob(kek), tessel::asn1::blob(key.data(), 21));
-  VALGRIND_MAKE_MEM_UNDEFINED(kek.data(), kek.size());
+  ctcheck::secret(kek.data(), kek.size());
   Bytes a = tessel::aesKeyUnwrap(tessel::asn1::blob(kek), tessel::asn1::blob(wrapped));
   Bytes b = tessel::aesKeyUnwrapPad(tessel::asn1::blob(kek), tessel::asn1::blob(padded));
-  VALGRIND_MAKE_MEM_DEFINED(a.data(), a.size());
-  VALGRIND_MAKE_MEM_DEFINED(b.data(), b.size());
+  revealed(a, b);
   const bool ok = a == key && b == Bytes(key.begin(), key.begin() + 21);
   std::printf("aes key unwrap: %s\n", ok ? "ok" : "FAILS");
   return ok;
