@@ -17,7 +17,8 @@ prefix=$tmp/prefix
 fail() { echo "consumer: $*"; exit 1; }
 
 echo "== consumer: install a shared build into a temporary prefix"
-cmake -S . -B build/consumer-lib -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" -DTESSEL_SHARED=ON \
+# No build type (no optimisation): this checks how the library is packaged, not how fast it runs.
+cmake -S . -B build/consumer-lib -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 "${launcher[@]}" -DTESSEL_SHARED=ON \
   -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null
 cmake --build build/consumer-lib -- -j"$jobs" >/dev/null
 cmake --install build/consumer-lib >/dev/null

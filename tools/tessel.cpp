@@ -268,6 +268,13 @@ struct VerifyOptions {
   tessel::TimePoint now = tessel::TimePoint::now();
 };
 
+// verifyUsage prints verify's one-line usage reminder and gives false.
+bool verifyUsage() {
+  std::cerr << "usage: tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS] (tessel verify --help)\n";
+  return false;
+}
+
+// parseVerifyOptions reads verify's arguments; false after one line on standard error.
 bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
   for (int i = 2; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -275,7 +282,7 @@ bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
     bool ok = true;
     if (arg == "--all") o->all = true;
     else if (arg == "--crl-check") o->crlCheck = true;
-    else if (arg.starts_with("--") && value == nullptr) return false;
+    else if (arg.starts_with("--") && value == nullptr) return verifyUsage();
     else if (arg == "--ca") o->cas.push_back(argv[++i]);
     else if (arg == "--cerm") o->cermRoot = argv[++i];
     else if (arg == "--mask") o->mask = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 0));
@@ -284,23 +291,20 @@ bool parseVerifyOptions(int argc, char** argv, VerifyOptions* o) {
     else if (arg == "--ip") ok = o->ip.parse(argv[++i]);
     else if (arg == "--time") ok = parseTime(argv[++i], &o->now);
     else if (o->chain == nullptr && !arg.starts_with("--")) o->chain = argv[i];
-    else return false;
+    else return verifyUsage();
     if (!ok) {
       std::cerr << "tessel: bad value for " << arg << ": " << argv[i] << "\n";
       return false;
     }
   }
-  return o->chain != nullptr;
+  return o->chain != nullptr || verifyUsage();
 }
 
 int cmdVerify(int argc, char** argv) {
   using namespace tessel;
   if (wantsHelp(argc, argv)) return std::cout << kVerifyUsage, 0;
   VerifyOptions o;
-  if (!parseVerifyOptions(argc, argv, &o)) {
-    std::cerr << "usage: tessel verify CHAIN [--ca DIR|FILE]... [OPTIONS] (tessel verify --help)\n";
-    return 2;
-  }
+  if (!parseVerifyOptions(argc, argv, &o)) return 2;
   CertificateMemoryStore store;
   for (const char* ca : o.cas) {
     if (!addToStore(store, ca)) {
