@@ -43,7 +43,7 @@ std::vector<Noisy> noisyCalls() {
        },
        {"[ERR] opendir: No such file or directory"}},
       {"two-certificate chain",
-       [] { EXPECT_EQ(tessel::readCertChain(tessel::test::fixtureText("certs/chain.pem")).size(), 2u); },
+       [] { EXPECT_EQ(tessel::readCertChain(tessel::test::fixtureText("../../examples/site-chain.pem")).size(), 2u); },
        {"LABEL: CERTIFICATE", "LABEL: CERTIFICATE"}},
   };
 }
