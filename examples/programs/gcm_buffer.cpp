@@ -24,8 +24,8 @@ int main() {
 
   sealed[0] ^= 1;
   gcm->setIV(iv, sizeof iv);
-  const bool refused =
-      gcm->decrypt(sealed.data(), static_cast<unsigned>(sealed.size()), nullptr, 0, opened.data()) == tessel::decryptFailed;
+  const bool refused = gcm->decrypt(sealed.data(), static_cast<unsigned>(sealed.size()), nullptr, 0, opened.data()) ==
+                       tessel::decryptFailed;
   tessel::secureWipe(key, sizeof key);
   std::printf("sealed %u bytes, opened them, tampered copy %s\n", len, refused ? "refused" : "ACCEPTED");
   return refused ? 0 : 1;

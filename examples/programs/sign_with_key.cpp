@@ -17,6 +17,7 @@ int main() {
   const tessel::SignatureParams params{tessel::hashSha256};
   const auto signature = again->sign(text, params);
   const bool good = key->verify(text, tessel::asn1::blob(signature), params);
-  std::printf("%zu-byte PEM key, %zu-byte signature, %s\n", pem.size(), signature.size(), good ? "verified" : "NOT VERIFIED");
+  std::printf("%zu-byte PEM key, %zu-byte signature, %s\n", pem.size(), signature.size(),
+              good ? "verified" : "NOT VERIFIED");
   return good ? 0 : 1;
 }
