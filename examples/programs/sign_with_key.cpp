@@ -6,7 +6,8 @@
 #include <string>
 
 int main() {
-  auto key = tessel::generatePrivateKey(tessel::keyEc, 256);  // the system's random source
+  // For EC keys the size is the curve number; the key comes from the system's random source.
+  auto key = tessel::generatePrivateKey(tessel::keyEc, static_cast<unsigned>(tessel::Curve::p256));
   if (!key) return std::puts("key generation failed"), 1;
   const std::string pem = tessel::encodePemPkcs8PrivateKey(*key);
   auto again = tessel::readPrivateKey(pem, "");
