@@ -36,6 +36,9 @@ SIDE = {"auth": "ec"}  # side layer -> the highest layer it may use
 # Public headers without a source file of the same stem.
 HEADER_LAYERS = {
     "tessel/blob.h": "core",
+    "tessel/export.h": "core",
+    "tessel/diagnostics.h": "core",  # src/core/diag.cpp
+    "tessel/version.h": "core",  # generated into the build tree
     "tessel/keys.h": "keys",
     "tessel/cms.h": "cms",
     "tessel/cms_encrypted.h": "cms",

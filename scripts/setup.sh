@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake ninja-build g++ clang lld libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libssl-dev
-          nlohmann-json3-dev openssl python3 ca-certificates clang-format valgrind)
+          nlohmann-json3-dev openssl python3 ca-certificates clang-format valgrind pkg-config)
 [[ "${1:-}" == "--m32" ]] && packages+=(g++-multilib)
 
 missing=()

@@ -82,6 +82,8 @@ for run in "${runs[@]}"; do
       ctest_run build/native
       echo "== constant-time check (valgrind memcheck, secrets marked undefined)"
       if tests/ct/run.sh build/native; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+      echo "== consumer check (install, find_package, pkg-config, add_subdirectory, exported symbols)"
+      if scripts/consumer.sh; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
       echo "== benchmark smoke run (figures are only meaningful from a quiet machine)"
       build/native/tessel_bench --benchmark_min_time=0.01 --benchmark_filter='sha256' >/dev/null ||
         { echo "test: benchmark run failed"; failed=$((failed + 1)); }

@@ -6,6 +6,8 @@
 // another folder. Paths that callers pass in (a certificate file, say) are used as given.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -15,22 +17,22 @@ namespace ol {
 // setRoot sets the folder under which fixed system paths resolve. An empty string or "/"
 // restores the real root. Call it before the library reads any fixed path; it is not
 // synchronised with concurrent readers.
-void setRoot(std::string_view dir);
+TESSEL_API void setRoot(std::string_view dir);
 
 // root returns the current platform root, "/" unless setRoot changed it.
-const std::string& root();
+TESSEL_API const std::string& root();
 
 // rootPath maps an absolute system path such as "/proc/crypto" to where it lives under the
 // platform root. With the default root it returns `absolute` unchanged.
-std::string rootPath(std::string_view absolute);
+TESSEL_API std::string rootPath(std::string_view absolute);
 
 // readFile replaces `out` with up to `maxSize` bytes of the file at `path` starting at byte
 // `offset` (maxSize < 0: to the end). It returns true on success; on any failure `out` is left
 // empty and false is returned. Works for files whose size is not known in advance (/proc).
-bool readFile(std::string& out, std::string_view path, long long maxSize = -1, long long offset = 0);
+TESSEL_API bool readFile(std::string& out, std::string_view path, long long maxSize = -1, long long offset = 0);
 
 // readFile returns the whole file at `path`, or an empty string if it cannot be read.
-std::string readFile(std::string_view path);
+TESSEL_API std::string readFile(std::string_view path);
 
 // readRegularFile replaces `out` with the whole content of the regular file at `path`, for files
 // anyone could have placed in a folder the library scans (store entries, CA and CRL files). It
@@ -38,6 +40,6 @@ std::string readFile(std::string_view path);
 // a symbolic link when `followLinks` is false; a file longer than `maxSize` bytes is "too
 // large"; a folder, a missing file or a read error is "unreadable". It returns null on success,
 // otherwise that static text with `out` left empty.
-const char* readRegularFile(std::string& out, std::string_view path, std::size_t maxSize, bool followLinks);
+TESSEL_API const char* readRegularFile(std::string& out, std::string_view path, std::size_t maxSize, bool followLinks);
 
 }  // namespace ol

@@ -1,6 +1,8 @@
 // Host platform: a 16-byte IP address value holding either IPv4 or IPv6.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <array>
 #include <cstdint>
 #include <span>
@@ -11,7 +13,7 @@ namespace ol {
 
 // IPAddr6 holds an IPv6 address in network byte order. An IPv4 address a.b.c.d is held in
 // its IPv4-mapped form ::ffff:a.b.c.d. The default value is the all-zero address "::".
-class IPAddr6 {
+class TESSEL_API IPAddr6 {
  public:
   IPAddr6() = default;
   explicit IPAddr6(const std::array<std::uint8_t, 16>& bytes) : bytes_(bytes) {}

@@ -38,6 +38,8 @@
 // (see Store::Store).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -54,7 +56,7 @@ namespace ol {
 
 // field_id names a field of a message together with the kind of value it holds.
 template <class T>
-struct field_id {
+struct TESSEL_API field_id {
   std::uint32_t id;
 };
 using bool_id = field_id<bool>;
@@ -64,7 +66,7 @@ using string_id = field_id<std::string>;
 using string_array_id = field_id<std::vector<std::string>>;
 
 // message is a set of typed fields, at most one per id.
-class message {
+class TESSEL_API message {
  public:
   // The variant's alternatives are in the order of the on-disk kinds 1 to 5.
   using value = std::variant<bool, std::uint32_t, std::vector<unsigned char>, std::string, std::vector<std::string>>;
@@ -116,16 +118,16 @@ class message {
 };
 
 // encodeEntry returns the complete file bytes of entry `id` holding `m`.
-std::vector<unsigned char> encodeEntry(std::uint32_t id, const message& m);
+TESSEL_API std::vector<unsigned char> encodeEntry(std::uint32_t id, const message& m);
 
 // decodeEntry reads the file bytes of one entry into `id` and `m`. It returns null on success;
 // otherwise a short static text naming the fault ("bad magic", "truncated", "bad checksum",
 // ...), with `m` left empty.
-const char* decodeEntry(std::span<const unsigned char> file, std::uint32_t& id, message& m);
+TESSEL_API const char* decodeEntry(std::span<const unsigned char> file, std::uint32_t& id, message& m);
 
 // Allocator is the id space of a store: it iterates over the ids in use in ascending order.
 // It is a view: it stays valid while its store lives and sees the store's later changes.
-class Allocator {
+class TESSEL_API Allocator {
  public:
   using entries = std::map<std::uint32_t, message>;
 
@@ -170,7 +172,7 @@ enum class Presence { absent, present, damaged };
 
 // Store is one named store, read whole when constructed. Reads see the snapshot taken then
 // plus this object's own writes. Not synchronised: one thread at a time.
-class Store {
+class TESSEL_API Store {
  public:
   // initialState is the state word of a store that was never given one.
   static constexpr std::uint32_t initialState = 0xFFFFFFFF;

@@ -3,6 +3,8 @@
 // in dumps.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -58,7 +60,7 @@ enum class Presence { absent, present, malformed };
 // Tags are the identifier bytes as read: 0x02 INTEGER, 0x30 SEQUENCE, 0x80+n and 0xA0+n for
 // context tags. High tag numbers keep their identifier bytes concatenated with the
 // continuation bits stripped (BF 1F reads as 0xBF1F).
-struct parser {
+struct TESSEL_API parser {
   std::uint32_t tag = tagUnread;
   blob rest;                                 // bytes after the current element, to the level's end
   const unsigned char* elemStart = nullptr;  // first byte of the current element
@@ -124,24 +126,24 @@ struct parser {
 
 // readOnly reads `der` as exactly one element of tag `t` and gives a parser over its content;
 // false when the tag differs, the element is malformed or anything follows it.
-bool readOnly(blob der, std::uint32_t t, parser* child);
+TESSEL_API bool readOnly(blob der, std::uint32_t t, parser* child);
 
 // bitStringContent drops the unused-bits byte of a BIT STRING content; empty when the content
 // is empty or that count is 8 or more. The count is not otherwise applied.
-blob bitStringContent(blob content);
+TESSEL_API blob bitStringContent(blob content);
 
 // toDerInt returns the minimal two's-complement content of the non-negative `v` (0 -> 00,
 // 128 -> 00 80, 0xFFFFFFFF -> 00 FF FF FF FF).
-std::vector<unsigned char> toDerInt(unsigned v);
+TESSEL_API std::vector<unsigned char> toDerInt(unsigned v);
 
 // str renders bytes as lower-case hex pairs joined by ':' ("01:ab:ff"); empty for no bytes.
-std::string str(const blob& b);
+TESSEL_API std::string str(const blob& b);
 // oidStr renders OID content bytes in dotted decimal; "()" for an empty blob. The first byte
 // alone gives the first two arcs (byte / 40 and byte % 40), as our dumps always have.
-std::string oidStr(blob oid);
+TESSEL_API std::string oidStr(blob oid);
 // oid2name gives the signature-algorithm name of an OID ("SHA256+RSA", "ED25519", ...), or its
 // oidStr when it has none.
-std::string oid2name(blob oid);
+TESSEL_API std::string oid2name(blob oid);
 
 }  // namespace asn1
 
@@ -150,7 +152,7 @@ class DerEncoder;
 // DerScope is an open constructed element of a DerEncoder. Closing it (close() or destruction)
 // writes the element's final length. Moving hands the element over; a moved-from scope closes
 // nothing.
-class DerScope {
+class TESSEL_API DerScope {
  public:
   static constexpr unsigned closed = 0xFFFFFFFF;
   DerScope(DerEncoder& encoder, unsigned pos) : encoder_(&encoder), pos_(pos) {}
@@ -168,7 +170,7 @@ class DerScope {
 };
 
 // DerScopeStack keeps open scopes and closes them innermost first.
-class DerScopeStack {
+class TESSEL_API DerScopeStack {
  public:
   DerScopeStack() = default;
   DerScopeStack(const DerScopeStack&) = delete;
@@ -188,7 +190,7 @@ class DerScopeStack {
 
 // DerEncoder appends DER elements front to back into a byte vector. Only single-byte tags are
 // written. It cannot fail other than by running out of memory.
-class DerEncoder {
+class TESSEL_API DerEncoder {
  public:
   std::vector<unsigned char> data;
 

@@ -6,6 +6,8 @@
 // the library accepts on its appliance.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,7 +22,7 @@ struct little_endian {};
 // BigNum is an unsigned integer held as 32-bit digits, least significant first. Every
 // operation leaves it clamped (no zero top digit; zero is the single digit 0) unless its
 // comment says otherwise; comparisons rely on that form.
-class BigNum {
+class TESSEL_API BigNum {
  public:
   using Digit = std::uint32_t;
 
@@ -107,41 +109,41 @@ class BigNum {
 };
 
 // lsb returns the number of trailing zero bits of `x` (0 for zero).
-unsigned lsb(const BigNum& x);
+TESSEL_API unsigned lsb(const BigNum& x);
 // bn64 returns the value of `v`; bn2 and bn3 build a number from two or three digits, least
 // significant first. All three are clamped.
-BigNum bn64(unsigned long long v);
-BigNum bn2(unsigned lo, unsigned hi);
-BigNum bn3(unsigned d0, unsigned d1, unsigned d2);
+TESSEL_API BigNum bn64(unsigned long long v);
+TESSEL_API BigNum bn2(unsigned lo, unsigned hi);
+TESSEL_API BigNum bn3(unsigned d0, unsigned d1, unsigned d2);
 
 // operator<< returns `x` shifted left by `k` bits.
-BigNum operator<<(const BigNum& x, unsigned k);
+TESSEL_API BigNum operator<<(const BigNum& x, unsigned k);
 // operator>> returns `x` shifted right by `k` bits.
-BigNum operator>>(const BigNum& x, unsigned k);
-BigNum operator+(BigNum a, const BigNum& b);
+TESSEL_API BigNum operator>>(const BigNum& x, unsigned k);
+TESSEL_API BigNum operator+(BigNum a, const BigNum& b);
 // operator- returns a − b; b must not have more digits than a (see operator-=).
-BigNum operator-(BigNum a, const BigNum& b);
-BigNum operator*(const BigNum& a, const BigNum& b);
+TESSEL_API BigNum operator-(BigNum a, const BigNum& b);
+TESSEL_API BigNum operator*(const BigNum& a, const BigNum& b);
 
 // mul sets r = a·b by schoolbook multiplication. r must be a different object from a and b.
-void mul(BigNum& r, const BigNum& a, const BigNum& b);
+TESSEL_API void mul(BigNum& r, const BigNum& a, const BigNum& b);
 // sqr sets r = a², each cross product formed once. r must be a different object from a.
-void sqr(BigNum& r, const BigNum& a);
+TESSEL_API void sqr(BigNum& r, const BigNum& a);
 // mul256 multiplies two 8-digit numbers with an unrolled kernel, leaving all 16 result digits
 // unclamped for the reduction that follows; other sizes fall back to mul.
-void mul256(BigNum& r, const BigNum& a, const BigNum& b);
+TESSEL_API void mul256(BigNum& r, const BigNum& a, const BigNum& b);
 // sqr256 squares an 8-digit number into 16 unclamped digits; other sizes fall back to sqr.
-void sqr256(BigNum& r, const BigNum& a);
+TESSEL_API void sqr256(BigNum& r, const BigNum& a);
 
 // div sets *q = floor(a / b) and *r = a mod b; either pointer may be null. b must not be zero.
-void div(const BigNum& a, const BigNum& b, BigNum* q, BigNum* r);
+TESSEL_API void div(const BigNum& a, const BigNum& b, BigNum* q, BigNum* r);
 // gcd returns the greatest common divisor; gcd(0, b) = b.
-BigNum gcd(const BigNum& a, const BigNum& b);
+TESSEL_API BigNum gcd(const BigNum& a, const BigNum& b);
 // lcm returns the least common multiple; neither operand may be zero.
-BigNum lcm(const BigNum& a, const BigNum& b);
+TESSEL_API BigNum lcm(const BigNum& a, const BigNum& b);
 
 // SignedBigNum is a magnitude and a sign flag (true = negative). Zero may carry either sign.
-struct SignedBigNum {
+struct TESSEL_API SignedBigNum {
   BigNum mag;
   bool negative = false;
 
@@ -151,9 +153,9 @@ struct SignedBigNum {
 
 // begcd computes g = gcd(a, b) and x, y with a·x + b·y = g by the binary extended Euclidean
 // algorithm. Any output pointer may be null. If a or b is zero every output is zero, g too.
-void begcd(SignedBigNum* x, SignedBigNum* y, BigNum* g, BigNum a, BigNum b);
+TESSEL_API void begcd(SignedBigNum* x, SignedBigNum* y, BigNum* g, BigNum a, BigNum b);
 // invByMod returns the inverse of `a` modulo `m` in [0, m). `a` must be a unit mod m: for any
 // other value the result is a reduced Bézout coefficient, not an inverse (0 when m divides a).
-BigNum invByMod(const BigNum& a, const BigNum& m);
+TESSEL_API BigNum invByMod(const BigNum& a, const BigNum& m);
 
 }  // namespace tessel

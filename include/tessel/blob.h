@@ -1,6 +1,8 @@
 // asn1::blob: a non-owning view of bytes, the currency of every DER parse and encode.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <cstring>
 #include <span>
@@ -13,7 +15,7 @@ namespace tessel::asn1 {
 
 // blob is the byte range [start, finish). It owns nothing: the bytes must outlive it. A default
 // blob is empty with both pointers null.
-struct blob {
+struct TESSEL_API blob {
   const unsigned char* start = nullptr;
   const unsigned char* finish = nullptr;
 

@@ -5,6 +5,8 @@
 // may encrypt and decrypt any number of blocks. Mode objects own them (cipher.h).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -13,7 +15,7 @@
 namespace tessel {
 
 // BlockCipher is the interface of a one-block cipher. `in` and `out` may be the same buffer.
-class BlockCipher {
+class TESSEL_API BlockCipher {
  public:
   virtual ~BlockCipher() = default;
   // blockLength is the block size in bytes.
@@ -39,7 +41,7 @@ class BlockCipher {
 // data. Two blocks (32-bit processors) or four (64-bit) are processed at the cost of one;
 // encryptBlocks and decryptBlocks fill those slots. On x86 processors with the AES
 // instructions the same rounds run through those instead (cpu.h says which path is in use).
-class AESBase : public BlockCipher {
+class TESSEL_API AESBase : public BlockCipher {
  public:
   // SliceWord is the word of the bitsliced state: 16 bits for each block processed together.
   using SliceWord = std::conditional_t<(sizeof(void*) >= 8), std::uint64_t, std::uint32_t>;
@@ -62,7 +64,7 @@ class AESBase : public BlockCipher {
 };
 
 // AES128 takes a 16-byte key (10 rounds).
-class AES128 : public AESBase {
+class TESSEL_API AES128 : public AESBase {
  public:
   explicit AES128(const unsigned char* key) { expandKey(key, 4); }
   void encrypt(const unsigned char* in, unsigned char* out) const override { encryptRounds(in, out, 10); }
@@ -70,7 +72,7 @@ class AES128 : public AESBase {
 };
 
 // AES192 takes a 24-byte key (12 rounds).
-class AES192 : public AESBase {
+class TESSEL_API AES192 : public AESBase {
  public:
   explicit AES192(const unsigned char* key) { expandKey(key, 6); }
   void encrypt(const unsigned char* in, unsigned char* out) const override { encryptRounds(in, out, 12); }
@@ -78,7 +80,7 @@ class AES192 : public AESBase {
 };
 
 // AES256 takes a 32-byte key (14 rounds).
-class AES256 : public AESBase {
+class TESSEL_API AES256 : public AESBase {
  public:
   explicit AES256(const unsigned char* key) { expandKey(key, 8); }
   void encrypt(const unsigned char* in, unsigned char* out) const override { encryptRounds(in, out, 14); }
@@ -87,7 +89,7 @@ class AES256 : public AESBase {
 
 // DES (FIPS 46-3) with an 8-byte key; the parity bits are ignored. Single DES is broken and is
 // kept for MS-CHAPv2 and legacy formats only.
-class DES : public BlockCipher {
+class TESSEL_API DES : public BlockCipher {
  public:
   explicit DES(const unsigned char* key);
   unsigned blockLength() const override { return 8; }
@@ -102,7 +104,7 @@ class DES : public BlockCipher {
 
 // DES3 is triple DES, EDE with three independent keys taken from a 24-byte key: K1 = bytes 0-7,
 // K2 = 8-15, K3 = 16-23. K1 = K2 = K3 gives single DES; that is not checked.
-class DES3 : public BlockCipher {
+class TESSEL_API DES3 : public BlockCipher {
  public:
   explicit DES3(const unsigned char* key) : k1_(key), k2_(key + 8), k3_(key + 16) {}
   unsigned blockLength() const override { return 8; }
@@ -117,7 +119,7 @@ class DES3 : public BlockCipher {
 // values abort). Weak and slow: it is here only to read PKCS#12 files in the old public formats
 // (pbeWithSHAAnd40BitRC2-CBC, pbeWithSHAAnd128BitRC2-CBC) and to write them for old appliances.
 // Not for new data.
-class RC2 : public BlockCipher {
+class TESSEL_API RC2 : public BlockCipher {
  public:
   RC2(const unsigned char* key, unsigned keyLen, unsigned effectiveBits);
   ~RC2() override;
@@ -135,7 +137,7 @@ class RC2 : public BlockCipher {
 };
 
 // NullBlockCipher is the identity on one-byte blocks (factory cipher id 1). It takes no key.
-class NullBlockCipher : public BlockCipher {
+class TESSEL_API NullBlockCipher : public BlockCipher {
  public:
   NullBlockCipher() = default;
   explicit NullBlockCipher(const unsigned char* /*key*/) {}
@@ -146,7 +148,7 @@ class NullBlockCipher : public BlockCipher {
 
 // RC4 stream cipher. Broken; kept for MPPE and PKCS#12. Not a BlockCipher: it is stateful, the
 // keystream position advancing with gen(), encrypt() and skip(); setKey() restarts it.
-class RC4 {
+class TESSEL_API RC4 {
  public:
   // setKey runs the key schedule over `len` (1..256) key bytes.
   void setKey(const unsigned char* key, unsigned len);

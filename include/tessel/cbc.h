@@ -3,6 +3,8 @@
 // EncryptThenMacCipher (encryption, then a MAC over the associated data and the ciphertext).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstring>
 #include <memory>
 
@@ -20,7 +22,7 @@ namespace tessel {
 // ignored: the MAC covers the plaintext after whatever the MAC object had already absorbed.
 // decrypt() computes the MAC before it judges the padding, so a bad padding and a bad MAC take
 // the same path; both give all ones.
-class CBC_MAC_MP_Cipher : public Cipher {
+class TESSEL_API CBC_MAC_MP_Cipher : public Cipher {
  public:
   CBC_MAC_MP_Cipher(std::unique_ptr<Cipher> cipher, std::unique_ptr<Hash> mac)
       : cipher_(std::move(cipher)), mac_(std::move(mac)) {}
@@ -44,7 +46,7 @@ class CBC_MAC_MP_Cipher : public Cipher {
 // takes that form back and returns the plaintext length, or all ones when the length does not
 // fit or the MAC differs (the plaintext has then been written to `out` all the same). MACs
 // longer than 32 bytes are not supported by decrypt() and abort.
-class EncryptThenMacCipher : public Cipher {
+class TESSEL_API EncryptThenMacCipher : public Cipher {
  public:
   EncryptThenMacCipher(std::unique_ptr<Cipher> cipher, std::unique_ptr<Hash> mac)
       : cipher_(std::move(cipher)), mac_(std::move(mac)) {}

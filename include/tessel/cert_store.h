@@ -2,6 +2,8 @@
 // store filled from PEM text, a directory of files and the host's certificate manager.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -21,7 +23,7 @@ namespace tessel {
 
 // CertificateStore is where path building finds issuers and validation finds CRLs. A filled
 // store is read-only and may be shared between threads.
-class CertificateStore {
+class TESSEL_API CertificateStore {
  public:
   virtual ~CertificateStore() = default;
   // findIssuer returns a certificate whose subject equals `issuer` and, when both are present,
@@ -62,7 +64,7 @@ class CertificateStore {
 // issuer name and key identifier on first use and take in later appends, whether made by a
 // load or directly; entries must not be replaced or edited in place once looked up (a store
 // whose lists shrink or start differently is indexed afresh).
-class CertificateMemoryStore : public CertificateStore {
+class TESSEL_API CertificateMemoryStore : public CertificateStore {
  public:
   std::vector<std::shared_ptr<X509Certificate>> certificates;
   std::vector<std::shared_ptr<X509Crl>> crls;

@@ -5,6 +5,8 @@
 // and CTR on any length.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 
 #include "tessel/block.h"
@@ -17,22 +19,28 @@ namespace tessel {
 //
 // CBC_encrypt and CBC_decrypt work on the whole blocks of `len` and ignore a partial tail; `iv`
 // holds the block cipher's block length. Only CBC_encrypt may run in place (in == out).
-void CBC_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out);
-void CBC_decrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out);
+TESSEL_API void CBC_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len,
+                            unsigned char* out);
+TESSEL_API void CBC_decrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len,
+                            unsigned char* out);
 
 // CFB128_encrypt and CFB128_decrypt need a 16-byte block cipher (else they abort). A partial
 // last block is processed but does not update `iv`: it may only end a stream.
-void CFB128_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out);
-void CFB128_decrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out);
+TESSEL_API void CFB128_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len,
+                               unsigned char* out);
+TESSEL_API void CFB128_decrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len,
+                               unsigned char* out);
 
 // CTR128_encrypt and CTR128_decrypt (the same computation) need a 16-byte block cipher. Only
 // the last four bytes of the counter block count, big-endian and modulo 2^32, with no carry
 // into the first twelve. A partial last block consumes a whole counter value.
-void CTR128_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out);
-void CTR128_decrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len, unsigned char* out);
+TESSEL_API void CTR128_encrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len,
+                               unsigned char* out);
+TESSEL_API void CTR128_decrypt(BlockCipher& cipher, unsigned char* iv, const unsigned char* in, unsigned len,
+                               unsigned char* out);
 
 // Cipher is the interface of every bulk and authenticated cipher the factory hands out.
-class Cipher {
+class TESSEL_API Cipher {
  public:
   virtual ~Cipher() = default;
   // ciphertextLength is the number of bytes encrypt() writes for `len` input bytes.
@@ -56,7 +64,7 @@ inline constexpr unsigned decryptFailed = static_cast<unsigned>(-1);
 
 // ModeCipher is the common part of the plain modes: the owned block cipher and the 16-byte
 // chaining block. The chaining block is zero until setIV() sets it.
-class ModeCipher : public Cipher {
+class TESSEL_API ModeCipher : public Cipher {
  public:
   explicit ModeCipher(std::unique_ptr<BlockCipher> cipher) : cipher_(std::move(cipher)) {}
   unsigned blockLength() const override { return cipher_->blockLength(); }
@@ -67,7 +75,7 @@ class ModeCipher : public Cipher {
 };
 
 // CBCCipher: whole blocks only; setIV copies up to 16 bytes (missing bytes keep their value).
-class CBCCipher : public ModeCipher {
+class TESSEL_API CBCCipher : public ModeCipher {
  public:
   using ModeCipher::ModeCipher;
   unsigned ciphertextLength(unsigned len) const override;
@@ -80,7 +88,7 @@ class CBCCipher : public ModeCipher {
 };
 
 // CFB128Cipher: any length; setIV always copies 16 bytes, whatever `size` says.
-class CFB128Cipher : public ModeCipher {
+class TESSEL_API CFB128Cipher : public ModeCipher {
  public:
   using ModeCipher::ModeCipher;
   unsigned ciphertextLength(unsigned len) const override { return len; }
@@ -92,7 +100,7 @@ class CFB128Cipher : public ModeCipher {
 };
 
 // CTR128Cipher: any length; setIV takes exactly 16 bytes (anything else aborts).
-class CTR128Cipher : public ModeCipher {
+class TESSEL_API CTR128Cipher : public ModeCipher {
  public:
   using ModeCipher::ModeCipher;
   unsigned ciphertextLength(unsigned len) const override { return len; }

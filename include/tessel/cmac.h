@@ -1,6 +1,8 @@
 // AES-CMAC (RFC 4493, any AES key size) and the deterministic AEAD AES-SIV (RFC 5297).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <span>
 #include <vector>
 
@@ -8,17 +10,18 @@ namespace tessel {
 
 // genCmacSubkey derives the CMAC subkeys k1 and k2 (16 bytes each) from a 16-, 24- or 32-byte
 // AES key; any other key length writes nothing.
-void genCmacSubkey(const unsigned char* key, unsigned keyLen, unsigned char* k1, unsigned char* k2);
-void genCmacSubkey(const unsigned char* key, unsigned char* k1, unsigned char* k2);  // 16-byte key
+TESSEL_API void genCmacSubkey(const unsigned char* key, unsigned keyLen, unsigned char* k1, unsigned char* k2);
+TESSEL_API void genCmacSubkey(const unsigned char* key, unsigned char* k1, unsigned char* k2);  // 16-byte key
 
 // aesCmac writes the 16-byte CMAC of `msg` under a 16-, 24- or 32-byte key to `out`; any other
 // key length leaves `out` untouched.
-void aesCmac(const unsigned char* key, unsigned keyLen, const unsigned char* msg, unsigned msgLen, unsigned char* out);
-void aesCmac128(const unsigned char* key, const unsigned char* msg, unsigned msgLen, unsigned char* out);
+TESSEL_API void aesCmac(const unsigned char* key, unsigned keyLen, const unsigned char* msg, unsigned msgLen,
+                        unsigned char* out);
+TESSEL_API void aesCmac128(const unsigned char* key, const unsigned char* msg, unsigned msgLen, unsigned char* out);
 
 // AESSIV is AES-SIV under a 32-, 48- or 64-byte key: the first half keys S2V (CMAC), the second
 // half AES-CTR. It keeps a view of the key, which must outlive the object.
-class AESSIV {
+class TESSEL_API AESSIV {
  public:
   AESSIV(const unsigned char* key, unsigned keyLen) : key_(key), keyLen_(keyLen) {}
   explicit AESSIV(std::span<const unsigned char> key) : AESSIV(key.data(), static_cast<unsigned>(key.size())) {}

@@ -5,6 +5,8 @@
 // refused, and so are constructed OCTET STRINGs.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -23,7 +25,7 @@ namespace tessel {
 
 // PKCS7Attribute is one CMS attribute: its type and the values of its SET, each a whole DER
 // element as found.
-struct PKCS7Attribute {
+struct TESSEL_API PKCS7Attribute {
   std::vector<unsigned char> type;                 // OID content bytes
   std::vector<std::vector<unsigned char>> values;  // whole elements
 
@@ -33,7 +35,7 @@ struct PKCS7Attribute {
 
 // PKCS7SignerInfo is one SignerInfo: who signed (issuer and serial number, or subject key
 // identifier), with which digest and signature algorithm, over which attributes.
-class PKCS7SignerInfo {
+class TESSEL_API PKCS7SignerInfo {
  public:
   unsigned version = 1;                           // 1: issuer and serial; 3: subject key id
   std::vector<unsigned char> issuer;              // whole issuer Name element (version 1)
@@ -82,7 +84,7 @@ enum CmsCode : unsigned {
 };
 
 // CmsVerifyOptions says what a verification may use beyond the message itself.
-struct CmsVerifyOptions {
+struct TESSEL_API CmsVerifyOptions {
   asn1::blob detachedContent;               // the content, when the message carries none
   const CertificateStore* store = nullptr;  // where signer certificates are also looked for
   bool validatePath = false;                // validate each signer's path through `store`
@@ -91,7 +93,7 @@ struct CmsVerifyOptions {
 
 // CmsVerifyResult is the outcome: a CmsCode, a one-line reason for anything but success, the
 // signer at fault (index into signerInfos) and, on success, the signers' certificates in order.
-struct CmsVerifyResult {
+struct TESSEL_API CmsVerifyResult {
   unsigned code = cmsValid;
   std::string reason;
   std::size_t signerIndex = 0;
@@ -103,7 +105,7 @@ struct CmsVerifyResult {
 // serial number name the signer, or whose subject key id does when `bySubjectKeyId` is set),
 // the certificates to include beside it, and how to sign. The digest of `params` also digests
 // the content; Ed25519 signers (hashNone) digest it with SHA-512, as RFC 8419 requires.
-struct CmsSigner {
+struct TESSEL_API CmsSigner {
   const PrivateKey* key = nullptr;
   std::shared_ptr<X509Certificate> certificate;
   std::vector<std::shared_ptr<X509Certificate>> chain;
@@ -113,7 +115,7 @@ struct CmsSigner {
 };
 
 // CmsSignOptions says how the content is wrapped.
-struct CmsSignOptions {
+struct TESSEL_API CmsSignOptions {
   bool detached = false;         // leave the content out of the message
   bool signedAttributes = true;  // without them the signature covers the content itself
   TimePoint signingTime = TimePoint::now();
@@ -123,7 +125,7 @@ struct CmsSignOptions {
 };
 
 // PKCS7SignedData is a ContentInfo of type signed-data and what it holds.
-class PKCS7SignedData {
+class TESSEL_API PKCS7SignedData {
  public:
   // kMaxDepth bounds how deeply signed-data may nest inside signed-data (a message signed
   // again as a whole); parse refuses anything deeper.

@@ -7,6 +7,8 @@
 // terminating zero bytes (so "" is 00 00) and an absent one as no bytes at all.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,22 +31,22 @@ enum class PbeScheme {
 // encodePbeAlgorithm writes the AlgorithmIdentifier of `scheme` with `iterations` and a fresh
 // salt (16 bytes for PBES2, 8 for the PKCS#12 PBEs) and IV; empty when `iterations` is 0 or the
 // random source fails.
-std::vector<unsigned char> encodePbeAlgorithm(PbeScheme scheme, unsigned iterations);
+TESSEL_API std::vector<unsigned char> encodePbeAlgorithm(PbeScheme scheme, unsigned iterations);
 // pbeEncrypt pads and encrypts `plaintext` under `password` as the whole AlgorithmIdentifier
 // element `algorithm` says (PBES2 or a PKCS#12 PBE); false on an unknown or malformed algorithm.
-bool pbeEncrypt(asn1::blob algorithm, const PbePassword& password, asn1::blob plaintext,
-                std::vector<unsigned char>& out);
+TESSEL_API bool pbeEncrypt(asn1::blob algorithm, const PbePassword& password, asn1::blob plaintext,
+                           std::vector<unsigned char>& out);
 // pbeDecrypt decrypts and unpads `ciphertext`; false, with `out` empty, for a wrong password,
 // an unknown or malformed algorithm, or an iteration count above `maxIterations`.
-bool pbeDecrypt(asn1::blob algorithm, const PbePassword& password, asn1::blob ciphertext,
-                std::vector<unsigned char>& out, unsigned maxIterations = kMaxPbeIterations);
+TESSEL_API bool pbeDecrypt(asn1::blob algorithm, const PbePassword& password, asn1::blob ciphertext,
+                           std::vector<unsigned char>& out, unsigned maxIterations = kMaxPbeIterations);
 // describePbeAlgorithm names the encryption of an AlgorithmIdentifier element for people
 // ("PBES2, PBKDF2-hmacWithSHA256, AES-256-CBC, 2048 iterations"); the dotted OID when unknown.
-std::string describePbeAlgorithm(asn1::blob algorithm);
+TESSEL_API std::string describePbeAlgorithm(asn1::blob algorithm);
 
 // PKCS7EncryptedData is a ContentInfo of type encrypted-data: content of some type encrypted
 // with a content-encryption algorithm, here always a password-based one.
-class PKCS7EncryptedData {
+class TESSEL_API PKCS7EncryptedData {
  public:
   unsigned version = 0;                         // 0 (2 would mean unprotected attributes)
   std::vector<unsigned char> contentType;       // OID content of the encrypted content's type

@@ -7,6 +7,8 @@
 // read (no indefinite lengths, no constructed OCTET STRINGs).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 #include <ostream>
 #include <string>
@@ -25,7 +27,7 @@ namespace tessel {
 enum class CmsRecipientKind { keyTransport, keyAgreement, kek, password, other };
 
 // CmsRecipientKey is one recipientEncryptedKey of a key agreement recipient.
-struct CmsRecipientKey {
+struct TESSEL_API CmsRecipientKey {
   std::vector<unsigned char> issuer;        // whole issuer Name element; empty when by key id
   std::vector<unsigned char> serial;        // serialNumber INTEGER content
   std::vector<unsigned char> subjectKeyId;  // when named by [0] RecipientKeyIdentifier
@@ -34,7 +36,7 @@ struct CmsRecipientKey {
 
 // CmsRecipientInfo is one RecipientInfo: its kind, its DER exactly as found or written, and the
 // fields the kinds we can open carry. Kinds we cannot open (kek, other) keep only the DER.
-struct CmsRecipientInfo {
+struct TESSEL_API CmsRecipientInfo {
   CmsRecipientKind kind = CmsRecipientKind::other;
   std::vector<unsigned char> der;  // the whole RecipientInfo element
   unsigned version = 0;
@@ -60,7 +62,7 @@ enum class CmsContentCipher { aes128Cbc, aes256Cbc, aes128Gcm, aes256Gcm };
 // CmsRecipient is one recipient of a new message: a certificate (RSA: key transport with
 // `rsaParams`; EC or X25519: ephemeral-static key agreement), or, without a certificate, a
 // password with its PBKDF2-HMAC-SHA-256 iteration count.
-struct CmsRecipient {
+struct TESSEL_API CmsRecipient {
   std::shared_ptr<X509Certificate> certificate;
   EncryptionParams rsaParams;   // PKCS#1 v1.5 unless oaep is set
   bool bySubjectKeyId = false;  // name the certificate by its subject key id
@@ -70,7 +72,7 @@ struct CmsRecipient {
 
 // CmsDecryptResult is a decryption's outcome: the content on success, otherwise a one-line
 // reason and no content.
-struct CmsDecryptResult {
+struct TESSEL_API CmsDecryptResult {
   bool ok = false;
   std::string reason;
   std::vector<unsigned char> content;
@@ -78,7 +80,7 @@ struct CmsDecryptResult {
 };
 
 // PKCS7EnvelopedData is a ContentInfo of type enveloped-data or authEnveloped-data.
-class PKCS7EnvelopedData {
+class TESSEL_API PKCS7EnvelopedData {
  public:
   bool authenticated = false;  // AuthEnvelopedData (GCM) rather than EnvelopedData
   unsigned version = 0;

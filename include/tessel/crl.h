@@ -1,6 +1,8 @@
 // X509Crl: a certificate revocation list, parsed from DER and dumped as text.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <ostream>
 #include <vector>
@@ -9,7 +11,7 @@
 
 namespace tessel {
 
-class X509Crl : public X509Base {
+class TESSEL_API X509Crl : public X509Base {
  public:
   struct RevokedCert {
     std::vector<unsigned char> serial;  // userCertificate INTEGER content

@@ -7,6 +7,8 @@
 // constant time (it runs on BigNum); X25519 key agreement belongs to x25519.h.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <vector>
 
 #include "tessel/ec.h"
@@ -14,7 +16,7 @@
 
 namespace tessel {
 
-class Curve25519 {
+class TESSEL_API Curve25519 {
  public:
   using Point = WCurve::Point;
   static constexpr unsigned encodedSize = 33;

@@ -5,6 +5,8 @@
 // private scalars as well as public ones.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 #include <vector>
 
@@ -18,7 +20,7 @@ namespace tessel {
 enum class Curve : unsigned { p192 = 1, p224 = 2, p256 = 3, p384 = 4, p521 = 5 };
 
 // ECPoint is an affine point. (0, 0) stands for "no point", the result of a failed decode.
-struct ECPoint {
+struct TESSEL_API ECPoint {
   BigNum x, y;
 
   // fromOctetString decodes the SEC 1 uncompressed form 04 || x || y (x takes the first half
@@ -27,8 +29,7 @@ struct ECPoint {
   // fromOctetStringCompressed also accepts the compressed forms 02 || x (even y) and 03 || x
   // (odd y) on the curve with prime p and coefficients a, b. An x at or above p, or one with no
   // point on the curve, gives (0, 0).
-  static ECPoint fromOctetStringCompressed(asn1::blob in, const BigNum& p, const BigNum& a,
-                                           const BigNum& b);
+  static ECPoint fromOctetStringCompressed(asn1::blob in, const BigNum& p, const BigNum& a, const BigNum& b);
   // toBin encodes the point with coordinates of `len` bytes: 04 || x || y, or 02/03 || x when
   // `compressed`. A coordinate longer than `len` is a programming error and aborts.
   std::vector<unsigned char> toBin(unsigned len, bool compressed) const;
@@ -39,7 +40,7 @@ struct ECPoint {
 // WCurve does the arithmetic of one curve. It keeps its own copy of the prime; b is not stored
 // and is passed to the operations that need it. Curves are immutable once built and may be
 // shared between threads; they cannot be copied because their reducer refers to the prime.
-class WCurve {
+class TESSEL_API WCurve {
  public:
   // Point is a Jacobian point (x = X/Z², y = Y/Z³); Z = 0 is the point at infinity.
   struct Point {
@@ -93,17 +94,17 @@ class WCurve {
 
 // getECParams sets the prime, the group order and the base point of a named curve and returns
 // true; an unknown curve returns false and leaves the outputs alone.
-bool getECParams(Curve c, BigNum& p, BigNum& n, ECPoint& G);
-bool getECParamsForP192(BigNum& p, BigNum& n, ECPoint& G);
-bool getECParamsForP224(BigNum& p, BigNum& n, ECPoint& G);
-bool getECParamsForP256(BigNum& p, BigNum& n, ECPoint& G);
-bool getECParamsForP384(BigNum& p, BigNum& n, ECPoint& G);
-bool getECParamsForP521(BigNum& p, BigNum& n, ECPoint& G);
+TESSEL_API bool getECParams(Curve c, BigNum& p, BigNum& n, ECPoint& G);
+TESSEL_API bool getECParamsForP192(BigNum& p, BigNum& n, ECPoint& G);
+TESSEL_API bool getECParamsForP224(BigNum& p, BigNum& n, ECPoint& G);
+TESSEL_API bool getECParamsForP256(BigNum& p, BigNum& n, ECPoint& G);
+TESSEL_API bool getECParamsForP384(BigNum& p, BigNum& n, ECPoint& G);
+TESSEL_API bool getECParamsForP521(BigNum& p, BigNum& n, ECPoint& G);
 // getModForECCurve, getOrderForECCurve, getAForECCurve (a as p − 3) and getBForECCurve return
 // one parameter of a named curve, or zero for an unknown curve.
-BigNum getModForECCurve(Curve c);
-BigNum getOrderForECCurve(Curve c);
-BigNum getAForECCurve(Curve c);
-BigNum getBForECCurve(Curve c);
+TESSEL_API BigNum getModForECCurve(Curve c);
+TESSEL_API BigNum getOrderForECCurve(Curve c);
+TESSEL_API BigNum getAForECCurve(Curve c);
+TESSEL_API BigNum getBForECCurve(Curve c);
 
 }  // namespace tessel

@@ -11,6 +11,8 @@
 // fixed-width arithmetic); verification uses ec.h's variable-time arithmetic on public data.
 #pragma once
 
+#include "tessel/export.h"
+
 #include "tessel/ec.h"
 #include "tessel/keys.h"
 #include "tessel/rng.h"
@@ -18,11 +20,11 @@
 namespace tessel {
 
 // getCurveOid returns the namedCurve OID content bytes of a curve, empty for an unknown one.
-asn1::blob getCurveOid(Curve c);
+TESSEL_API asn1::blob getCurveOid(Curve c);
 // getCurveName returns "P-192" ... "P-521", or "unknown".
-const char* getCurveName(Curve c);
+TESSEL_API const char* getCurveName(Curve c);
 
-class EcPublicKey : public virtual PublicKey {
+class TESSEL_API EcPublicKey : public virtual PublicKey {
  public:
   Curve curve = Curve::p256;
   ECPoint Q;  // the public point
@@ -58,7 +60,7 @@ class EcPublicKey : public virtual PublicKey {
   bool parseCurveParams(asn1::blob params);
 };
 
-class EcPrivateKey : public EcPublicKey, public PrivateKey {
+class TESSEL_API EcPrivateKey : public EcPublicKey, public PrivateKey {
  public:
   BigNum d;  // the private scalar, in [1, n-1]
 

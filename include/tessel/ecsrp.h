@@ -2,6 +2,8 @@
 // SRP mode (49-byte server message) and an MS-CHAPv2 mode (33-byte server message).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,7 +13,7 @@
 
 namespace tessel {
 
-class ECSRP {
+class TESSEL_API ECSRP {
  public:
   // ECSRP stores the credentials and the private scalar (big-endian, used as given: no
   // clamping, no reduction) and computes the public key toBin(a·G).
@@ -24,7 +26,8 @@ class ECSRP {
   std::vector<std::uint8_t> generateResponse(const std::vector<std::uint8_t>& serverMessage);
   // generateSRPResponse returns the 32-byte client proof, or empty when B is not a valid point
   // (nothing changes then).
-  std::vector<std::uint8_t> generateSRPResponse(const std::vector<std::uint8_t>& B, const std::vector<std::uint8_t>& salt);
+  std::vector<std::uint8_t> generateSRPResponse(const std::vector<std::uint8_t>& B,
+                                                const std::vector<std::uint8_t>& salt);
   // generateMSCHAPResponse returns the 24-byte NT-Response, or empty when B is not valid.
   std::vector<std::uint8_t> generateMSCHAPResponse(const std::vector<std::uint8_t>& B);
   // verifyReply checks the server's final message: in SRP mode equal to the expected proof; in
@@ -47,16 +50,16 @@ class ECSRP {
 };
 
 // curve25519Instance returns the shared, immutable curve the exchange runs on.
-const Curve25519& curve25519Instance();
+TESSEL_API const Curve25519& curve25519Instance();
 
 // pwdHash returns SHA-256(salt ‖ SHA-256(user ‖ ":" ‖ password)).
-std::vector<std::uint8_t> pwdHash(const std::string& user, const std::string& password,
-                                  const std::vector<std::uint8_t>& salt);
+TESSEL_API std::vector<std::uint8_t> pwdHash(const std::string& user, const std::string& password,
+                                             const std::vector<std::uint8_t>& salt);
 // pwdVerifier returns toBin(i·G) for the number i (big-endian bytes).
-std::vector<std::uint8_t> pwdVerifier(const std::vector<std::uint8_t>& i);
+TESSEL_API std::vector<std::uint8_t> pwdVerifier(const std::vector<std::uint8_t>& i);
 // redp1 hashes x to a curve point by try-and-increment: k = SHA-256(x); until fromNum(
 // SHA-256(bin(k)), 0) is valid, k = k + 1. The loop has no bound (each try succeeds with
 // probability about 1/2).
-Curve25519::Point redp1(const Curve25519& curve, const std::vector<std::uint8_t>& x);
+TESSEL_API Curve25519::Point redp1(const Curve25519& curve, const std::vector<std::uint8_t>& x);
 
 }  // namespace tessel

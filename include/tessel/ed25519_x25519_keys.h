@@ -7,6 +7,8 @@
 // key derives its public key when it is read.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <array>
 
 #include "tessel/keys.h"
@@ -15,7 +17,7 @@
 namespace tessel {
 
 // Key25519Public holds the shared public part: 32 raw bytes.
-class Key25519Public : public virtual PublicKey {
+class TESSEL_API Key25519Public : public virtual PublicKey {
  public:
   std::array<unsigned char, 32> publicKey{};
 
@@ -33,7 +35,7 @@ class Key25519Public : public virtual PublicKey {
 };
 
 // Key25519Private holds the 32-byte private key beside the derived public key.
-class Key25519Private : public virtual Key25519Public, public PrivateKey {
+class TESSEL_API Key25519Private : public virtual Key25519Public, public PrivateKey {
  public:
   std::array<unsigned char, 32> privateKey{};
 
@@ -56,7 +58,7 @@ class Key25519Private : public virtual Key25519Public, public PrivateKey {
   virtual void derivePublic() = 0;
 };
 
-class Ed25519PublicKey : public virtual Key25519Public {
+class TESSEL_API Ed25519PublicKey : public virtual Key25519Public {
  public:
   KeyType getKeyType() const override { return keyEd25519; }
   // verify returns true only for a valid Ed25519 signature of `message` (see eddsa::verify).
@@ -65,7 +67,7 @@ class Ed25519PublicKey : public virtual Key25519Public {
   bool verify(asn1::blob message, asn1::blob signature, const SignatureParams& params) const override;
 };
 
-class Ed25519PrivateKey : public Ed25519PublicKey, public Key25519Private {
+class TESSEL_API Ed25519PrivateKey : public Ed25519PublicKey, public Key25519Private {
  public:
   KeyType getKeyType() const override { return keyEd25519; }
   // signHashed signs `hash` as the whole message: Ed25519 hashes inside the signature, so
@@ -80,12 +82,12 @@ class Ed25519PrivateKey : public Ed25519PublicKey, public Key25519Private {
   void derivePublic() override;
 };
 
-class X25519PublicKey : public virtual Key25519Public {
+class TESSEL_API X25519PublicKey : public virtual Key25519Public {
  public:
   KeyType getKeyType() const override { return keyX25519; }
 };
 
-class X25519PrivateKey : public X25519PublicKey, public Key25519Private {
+class TESSEL_API X25519PrivateKey : public X25519PublicKey, public Key25519Private {
  public:
   KeyType getKeyType() const override { return keyX25519; }
   // signHashed always fails (empty): an X25519 key only agrees on secrets.

@@ -7,6 +7,8 @@
 // x = 0 with the sign bit set.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -16,7 +18,7 @@ namespace tessel {
 // Edwards25519 is a point of the twisted Edwards curve -x^2 + y^2 = 1 + d x^2 y^2 over
 // 2^255 - 19, in extended coordinates. Its operations are constant time unless their names
 // end in _vartime.
-class Edwards25519 {
+class TESSEL_API Edwards25519 {
  public:
   // Edwards25519 constructs the neutral element (0, 1).
   Edwards25519();
@@ -47,21 +49,21 @@ constexpr std::size_t publicKeySize = 32;
 constexpr std::size_t signatureSize = 64;
 
 // publicKeyFromSeed derives the encoded public key from a 32-byte private seed.
-void publicKeyFromSeed(unsigned char publicKey[32], const unsigned char seed[32]);
+TESSEL_API void publicKeyFromSeed(unsigned char publicKey[32], const unsigned char seed[32]);
 
 // sign writes the 64-byte signature of `message` under the seed and its public key (as
 // returned by publicKeyFromSeed; a wrong public key gives a signature that does not verify).
-void sign(unsigned char signature[64], std::span<const unsigned char> message,
-          const unsigned char seed[32], const unsigned char publicKey[32]);
+TESSEL_API void sign(unsigned char signature[64], std::span<const unsigned char> message, const unsigned char seed[32],
+                     const unsigned char publicKey[32]);
 
 // verify returns true only for a valid signature of `message` under `publicKey`. A signature
 // of any length but 64 bytes fails. Public data only.
-bool verify(std::span<const unsigned char> signature, std::span<const unsigned char> message,
-            std::span<const unsigned char> publicKey);
+TESSEL_API bool verify(std::span<const unsigned char> signature, std::span<const unsigned char> message,
+                       std::span<const unsigned char> publicKey);
 
 // reduceScalar reduces a 64-byte little-endian number modulo the group order L into 32 bytes,
 // constant time.
-void reduceScalar(unsigned char out[32], const unsigned char in[64]);
+TESSEL_API void reduceScalar(unsigned char out[32], const unsigned char in[64]);
 
 }  // namespace eddsa
 }  // namespace tessel

@@ -5,6 +5,8 @@
 // it asks for objects; without it every object is computed in software.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 #include <span>
 #include <string>
@@ -17,19 +19,19 @@
 namespace ol {
 // kernelCrypto allows the factory to hand work to Linux kernel drivers. Default false; read on
 // every factory call.
-extern bool kernelCrypto;
+extern TESSEL_API bool kernelCrypto;
 // experimentalKernelCrypto is defined for the host's use; the library never reads it.
-extern bool experimentalKernelCrypto;
+extern TESSEL_API bool experimentalKernelCrypto;
 }  // namespace ol
 
 namespace tessel {
 
 // createHash returns the digest for a HashID: 1 MD5+SHA-1, 2 MD4, 3 MD5, 4 SHA-1, 5 SHA-256,
 // 6 SHA-384, 7 SHA-512.
-std::unique_ptr<Hash> createHash(unsigned id);
+TESSEL_API std::unique_ptr<Hash> createHash(unsigned id);
 
 // createHMAC returns an HMAC over createHash(id), keyed with `key`, that owns its digest.
-std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key);
+TESSEL_API std::unique_ptr<Hash> createHMAC(unsigned id, std::span<const unsigned char> key);
 
 // CipherID numbers the factory's ciphers (key lengths in bytes). The values are stable: hosts
 // pass them as plain unsigned integers, which createCipher and createAead still accept.
@@ -46,13 +48,14 @@ enum CipherID : unsigned {
 // createCipher returns the cipher for a CipherID and key length (see CipherID); null for an
 // unknown id or a key length the cipher does not take. `tagLength` only matters for kernel GCM;
 // software GCM always uses 16-byte tags.
-std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned tagLength);
+TESSEL_API std::unique_ptr<Cipher> createCipher(unsigned id, std::span<const unsigned char> key, unsigned tagLength);
 
 // createAead returns an authenticated cipher from a CipherID and a HashID. In software only
 // cipherDes3Cbc and cipherAesCbc are offered, as encrypt-then-MAC with HMAC(hashId, macKey)
 // (cbc.h); other cipher ids give an empty pointer.
-std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId, std::span<const unsigned char> cipherKey,
-                                   std::span<const unsigned char> macKey);
+TESSEL_API std::unique_ptr<Cipher> createAead(unsigned cipherId, unsigned hashId,
+                                              std::span<const unsigned char> cipherKey,
+                                              std::span<const unsigned char> macKey);
 
 namespace detail {
 // createSoftwareHash builds the software digest for a HashID (the factory's choice when no

@@ -5,6 +5,8 @@
 // IVs of 12 bytes behave as the standard's 96-bit IVs, longer ones go through GHASH.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <memory>
 
@@ -20,7 +22,7 @@ namespace tessel {
 // without tables, so that its time does not depend on H or the data; on x86 processors with
 // carry-less multiplication it uses that instruction instead (see carrylessMultiplyInUse in
 // cpu.h; the choice is made when the object is built).
-class GHash : public Hash {
+class TESSEL_API GHash : public Hash {
  public:
   using Hash::digest;
   using Hash::update;
@@ -42,11 +44,17 @@ class GHash : public Hash {
   bool clmul_;
 };
 
+// kGcmMaxBlocksPerIV is the most 16-byte blocks one IV may encrypt (NIST SP 800-38D): 2^32 - 2,
+// just under 64 GiB, since the counter's low 32 bits count them. A message length is an
+// unsigned, so no single message reaches it; a host must still never reuse an IV.
+inline constexpr std::uint64_t kGcmMaxBlocksPerIV = (std::uint64_t{1} << 32) - 2;
+
 // GCMCipher: ciphertextLength(len) = len + 16; decrypt() takes the ciphertext followed by the
 // 16-byte tag and returns its length or all ones when the tag does not match (the plaintext
 // has then been written to `out` all the same and must be discarded). setIV() must precede
-// every message; it derives H and builds a fresh GHASH each time.
-class GCMCipher : public Cipher {
+// every message; it derives H and builds a fresh GHASH each time. encrypt() or decrypt() before
+// the first setIV() is a programming error and aborts.
+class TESSEL_API GCMCipher : public Cipher {
  public:
   explicit GCMCipher(std::unique_ptr<BlockCipher> aes) {
     TESSEL_ASSERT(aes->blockLength() == 16);

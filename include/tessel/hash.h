@@ -6,6 +6,8 @@
 // message, so constructing a digest costs nothing.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -30,10 +32,10 @@ enum HashID : unsigned {
 // getHashName returns "MD5", "SHA1", "SHA256", "SHA384" or "SHA512" for the digests that can
 // appear in certificates and signatures, and "unknown" for every other id, MD4 and the
 // MD5+SHA-1 pair included.
-std::string getHashName(unsigned id);
+TESSEL_API std::string getHashName(unsigned id);
 
 // Hash is the interface of every digest and MAC (software, HMAC, GHASH, kernel-backed).
-class Hash {
+class TESSEL_API Hash {
  public:
   // lengthFieldSize is the width in bytes of the length field the padding appends.
   virtual unsigned lengthFieldSize() const { return 8; }
@@ -66,7 +68,7 @@ class Hash {
 // HashImpl is the buffering base of the software digests: the byte counter, the block buffer
 // and the padding. Each digest adds its initial state, its compression function and its
 // output encoding.
-class HashImpl : public Hash {
+class TESSEL_API HashImpl : public Hash {
  public:
   using Hash::digest;
   using Hash::update;
@@ -104,7 +106,7 @@ class HashImpl : public Hash {
 };
 
 // MD4 (RFC 1320). Kept for MS-CHAPv2 password hashes; not for new designs.
-class MD4 : public HashImpl {
+class TESSEL_API MD4 : public HashImpl {
  public:
   using HashImpl::digest;
   unsigned blockLength() const override { return 64; }
@@ -123,7 +125,7 @@ class MD4 : public HashImpl {
 };
 
 // MD5 (RFC 1321). Kept for legacy formats (PEM key derivation, TLS 1.0 signatures).
-class MD5 : public HashImpl {
+class TESSEL_API MD5 : public HashImpl {
  public:
   using HashImpl::digest;
   unsigned blockLength() const override { return 64; }
@@ -142,7 +144,7 @@ class MD5 : public HashImpl {
 };
 
 // SHA1 (FIPS 180-4).
-class SHA1 : public HashImpl {
+class TESSEL_API SHA1 : public HashImpl {
  public:
   using HashImpl::digest;
   unsigned blockLength() const override { return 64; }
@@ -160,7 +162,7 @@ class SHA1 : public HashImpl {
 };
 
 // SHA256 (FIPS 180-4).
-class SHA256 : public HashImpl {
+class TESSEL_API SHA256 : public HashImpl {
  public:
   using HashImpl::digest;
   unsigned blockLength() const override { return 64; }
@@ -178,7 +180,7 @@ class SHA256 : public HashImpl {
 };
 
 // SHA512 (FIPS 180-4). Its 128-bit length field carries the bit count in the low 64 bits.
-class SHA512 : public HashImpl {
+class TESSEL_API SHA512 : public HashImpl {
  public:
   using HashImpl::digest;
   unsigned lengthFieldSize() const override { return 16; }
@@ -197,7 +199,7 @@ class SHA512 : public HashImpl {
 };
 
 // SHA384 is SHA512 with other initial values and a 48-byte output.
-class SHA384 : public SHA512 {
+class TESSEL_API SHA384 : public SHA512 {
  public:
   using SHA512::digest;
   unsigned digestLength() const override { return 48; }
@@ -207,7 +209,7 @@ class SHA384 : public SHA512 {
 };
 
 // MD5SHA1 is the 36-byte concatenation MD5(m) || SHA-1(m) used by TLS 1.0/1.1 RSA signatures.
-class MD5SHA1 : public Hash {
+class TESSEL_API MD5SHA1 : public Hash {
  public:
   using Hash::digest;
   using Hash::update;

@@ -1,6 +1,8 @@
 // HMAC (RFC 2104) over any Hash. The key derivations built on it: tessel/hkdf.h, tessel/pbkdf2.h.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <string_view>
 #include <vector>
 
@@ -12,7 +14,7 @@ namespace tessel {
 // digest is not owned and must outlive the HMAC; nobody else may use it while a message is in
 // progress. One object MACs any number of messages under its key; the key copy is wiped on
 // destruction.
-class HMAC : public Hash {
+class TESSEL_API HMAC : public Hash {
  public:
   using Hash::digest;
   using Hash::update;

@@ -8,6 +8,8 @@
 // back to software.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <sys/uio.h>
 
 #include <cstdint>
@@ -22,7 +24,7 @@
 namespace tessel {
 
 // KernelAlg wraps one pair of AF_ALG sockets. Both are closed by the destructor.
-class KernelAlg {
+class TESSEL_API KernelAlg {
  public:
   KernelAlg() = default;
   KernelAlg(const KernelAlg&) = delete;
@@ -86,8 +88,8 @@ class KernelAlg {
     TESSEL_ASSERT(sockmem > asize);
     transfer(in, len, aad, asize, out, true);
   }
-  unsigned decrypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned asize,
-                   unsigned char* out, unsigned block) {
+  unsigned decrypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned asize, unsigned char* out,
+                   unsigned block) {
     const unsigned payload = len - tagLength_;
     if (payload % block) {
       notPadded(len);
@@ -119,7 +121,7 @@ class KernelAlg {
 
 // KernelHash is a digest computed by a kernel "hash" driver. After a failed send or receive its
 // digests are all zeros.
-class KernelHash : public KernelAlg, public Hash {
+class TESSEL_API KernelHash : public KernelAlg, public Hash {
  public:
   explicit KernelHash(unsigned id) : id_(id) {}
   using Hash::digest;
@@ -141,7 +143,7 @@ class KernelHash : public KernelAlg, public Hash {
 
 // KernelCipher is a bulk cipher computed by a kernel "skcipher" driver (CBC or CTR over AES). It
 // takes whole blocks only, CTR included, and keeps chaining across calls on its operation socket.
-class KernelCipher : public KernelAlg, public Cipher {
+class TESSEL_API KernelCipher : public KernelAlg, public Cipher {
  public:
   explicit KernelCipher(unsigned blockLength = 16) : block_(blockLength) {}
   unsigned blockLength() const override { return block_; }
@@ -162,7 +164,7 @@ class KernelCipher : public KernelAlg, public Cipher {
 
 // KernelAead is an AEAD computed by a kernel "aead" driver (GCM, or authenc: CBC with HMAC). A
 // message and its associated data go in one request, so together they may not exceed sockmem().
-class KernelAead : public KernelAlg, public Cipher {
+class TESSEL_API KernelAead : public KernelAlg, public Cipher {
  public:
   explicit KernelAead(unsigned blockLength) : block_(blockLength) {}
   unsigned blockLength() const override { return block_; }

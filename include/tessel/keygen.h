@@ -1,6 +1,8 @@
 // Fresh keys of every type from a random source.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 
 #include "tessel/keys.h"
@@ -12,8 +14,8 @@ namespace tessel {
 // length for keyRsa (2048 to 4096 bits, even) and the Curve number (1 to 5) for keyEc, and is
 // ignored for the other types. The caller owns the key; null for a refused type or size or when
 // rng fails.
-std::shared_ptr<PrivateKey> generatePrivateKey(KeyType type, unsigned size, Rng& rng);
+TESSEL_API std::shared_ptr<PrivateKey> generatePrivateKey(KeyType type, unsigned size, Rng& rng);
 // generatePrivateKey(type, size) is the same with getDefaultRng().
-std::shared_ptr<PrivateKey> generatePrivateKey(KeyType type, unsigned size);
+TESSEL_API std::shared_ptr<PrivateKey> generatePrivateKey(KeyType type, unsigned size);
 
 }  // namespace tessel

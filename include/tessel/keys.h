@@ -3,6 +3,8 @@
 // PKCS#8) choose the class by the algorithm OID and hand it the inner bytes.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 #include <ostream>
 #include <vector>
@@ -15,7 +17,7 @@ namespace tessel {
 
 // PublicKey is the interface of every public key. Private keys derive from their public
 // counterpart as well, so a private key can go wherever a public one is expected.
-class PublicKey {
+class TESSEL_API PublicKey {
  public:
   virtual ~PublicKey() = default;
   // parseFromDerEncoded reads the key from its DER body; `params` are the AlgorithmIdentifier
@@ -56,7 +58,7 @@ class PublicKey {
 };
 
 // PrivateKey adds the private operation the signing code uses.
-class PrivateKey : public virtual PublicKey {
+class TESSEL_API PrivateKey : public virtual PublicKey {
  public:
   // signHashed signs an already computed digest `hash` of algorithm `hashId`; empty on failure.
   virtual std::vector<unsigned char> signHashed(unsigned hashId, asn1::blob hash) const = 0;

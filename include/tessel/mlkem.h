@@ -7,6 +7,8 @@
 // table index on secret data.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -22,12 +24,12 @@ constexpr std::size_t sharedSecretSize = 32;
 
 // keyGen derives (ek, dk) from the 32-byte seeds d and z (ML-KEM.KeyGen_internal). Both outputs
 // are filled; false only when d or z has the wrong length.
-bool keyGen(std::span<const std::uint8_t> d, std::span<const std::uint8_t> z, std::vector<std::uint8_t>& ek,
-            std::vector<std::uint8_t>& dk);
+TESSEL_API bool keyGen(std::span<const std::uint8_t> d, std::span<const std::uint8_t> z, std::vector<std::uint8_t>& ek,
+                       std::vector<std::uint8_t>& dk);
 }  // namespace mlkem768
 
 // MLKEMEncap encapsulates to an ML-KEM-768 encapsulation key.
-class MLKEMEncap {
+class TESSEL_API MLKEMEncap {
  public:
   // MLKEMEncap takes a copy of `ek`. isValid() tells whether it passed the FIPS 203 input
   // checks (1184 bytes, every coefficient below q).
@@ -45,7 +47,7 @@ class MLKEMEncap {
 };
 
 // MLKEMDecap decapsulates with an ML-KEM-768 decapsulation key.
-class MLKEMDecap {
+class TESSEL_API MLKEMDecap {
  public:
   // MLKEMDecap takes a copy of `dk`. isValid() tells whether it passed the FIPS 203 input
   // checks (2400 bytes, the embedded hash H(ek) matching the embedded ek).

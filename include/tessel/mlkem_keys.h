@@ -13,6 +13,8 @@
 // and is then written back in that same form, as no seed is known.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -23,7 +25,7 @@
 namespace tessel {
 
 // MLKEMPublicKey holds an ML-KEM-768 encapsulation key.
-class MLKEMPublicKey : public virtual PublicKey {
+class TESSEL_API MLKEMPublicKey : public virtual PublicKey {
  public:
   std::vector<unsigned char> encapsulationKey;  // 1184 bytes once set
 
@@ -50,7 +52,7 @@ class MLKEMPublicKey : public virtual PublicKey {
 };
 
 // MLKEMPrivateKey holds the decapsulation key, its seed when known, and the encapsulation key.
-class MLKEMPrivateKey : public MLKEMPublicKey, public PrivateKey {
+class TESSEL_API MLKEMPrivateKey : public MLKEMPublicKey, public PrivateKey {
  public:
   ~MLKEMPrivateKey() override;
   // parseFromDerEncoded reads one of the three private key forms above; `params` must be empty.

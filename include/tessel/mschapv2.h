@@ -2,6 +2,8 @@
 // derivation used by the EC-SRP login exchange.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,10 +13,10 @@ namespace tessel {
 // MSCHAPv2 computes, in its constructor, the peer's NT-Response to an authenticator challenge.
 // The password is widened byte by byte to UTF-16LE (each byte b becomes b, 0), and cut to 512
 // bytes (256 characters). The user name is used as given.
-class MSCHAPv2 {
+class TESSEL_API MSCHAPv2 {
  public:
-  MSCHAPv2(const std::string& user, const std::string& password, const std::vector<std::uint8_t>& authenticatorChallenge,
-           const std::vector<std::uint8_t>& peerChallenge);
+  MSCHAPv2(const std::string& user, const std::string& password,
+           const std::vector<std::uint8_t>& authenticatorChallenge, const std::vector<std::uint8_t>& peerChallenge);
 
   // getReply returns the authenticator response the server must send: "S=" and 40 upper-case
   // hexadecimal digits.
@@ -32,10 +34,11 @@ class MSCHAPv2 {
 
 // makeSessionKey returns the 16-byte MPPE start key (RFC 3079 GetAsymmetricStartKey) for the
 // given direction and side; (send, server) equals (receive, client) and vice versa.
-std::string makeSessionKey(const std::string& masterKey, bool isSend, bool isServer);
+TESSEL_API std::string makeSessionKey(const std::string& masterKey, bool isSend, bool isServer);
 
 // makeChallenge derives a 16-byte challenge from a shared key and `data`, for the peer or for
 // the authenticator.
-std::vector<std::uint8_t> makeChallenge(const std::string& key, const std::vector<std::uint8_t>& data, bool peer);
+TESSEL_API std::vector<std::uint8_t> makeChallenge(const std::string& key, const std::vector<std::uint8_t>& data,
+                                                   bool peer);
 
 }  // namespace tessel

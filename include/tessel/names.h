@@ -2,6 +2,8 @@
 // with every other attribute kept raw) and GeneralName (one GeneralName choice).
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,7 +16,7 @@ namespace tessel {
 // DistinguishedName holds the seven attributes the library understands, one value each (an
 // empty string is an absent attribute), and the raw RDN contents of all other attributes so
 // they can be written back unchanged.
-struct DistinguishedName {
+struct TESSEL_API DistinguishedName {
   std::vector<std::vector<unsigned char>> unknownAttrs;  // content bytes of unrecognised RDN SETs
   std::string C, S, L, O, OU, CN, SerialNumber;
 
@@ -40,10 +42,18 @@ struct DistinguishedName {
 };
 
 // GeneralName is one X.509 GeneralName: its choice number and content bytes as found.
-struct GeneralName {
+struct TESSEL_API GeneralName {
   enum : std::uint8_t {
-    otherName = 0, rfc822Name = 1, dNSName = 2, x400Address = 3, directoryName = 4,
-    ediPartyName = 5, uniformResourceIdentifier = 6, iPAddress = 7, registeredID = 8, none = 255
+    otherName = 0,
+    rfc822Name = 1,
+    dNSName = 2,
+    x400Address = 3,
+    directoryName = 4,
+    ediPartyName = 5,
+    uniformResourceIdentifier = 6,
+    iPAddress = 7,
+    registeredID = 8,
+    none = 255
   };
   std::vector<unsigned char> data;  // content octets; 4 or 16 bytes for an IP address
   std::uint8_t type = none;

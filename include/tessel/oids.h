@@ -3,6 +3,8 @@
 // from DER with an entry.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 #include <span>
 
@@ -13,7 +15,7 @@
 namespace tessel::asn1 {
 
 // Oid is an OID's dotted text with its DER content bytes (no tag or length).
-struct Oid {
+struct TESSEL_API Oid {
   static constexpr std::size_t kMaxBytes = 16;
   const char* dotted = "";
   unsigned char size = 0;
@@ -30,7 +32,7 @@ struct Oid {
 // oidFromDotted encodes dotted decimal text at compile time: the first two arcs share one byte
 // (40 * first + second) and each later arc is base 128, most significant group first. A
 // malformed text or one too long for Oid stops the compilation.
-consteval Oid oidFromDotted(const char* dotted) {
+TESSEL_API consteval Oid oidFromDotted(const char* dotted) {
   Oid out;
   out.dotted = dotted;
   unsigned long long arcs[24] = {};
@@ -287,7 +289,7 @@ inline constexpr const Oid* kAllOids[] = {
 };
 
 // SignatureAlgorithm ties a signature OID to its key type, digest and dump name.
-struct SignatureAlgorithm {
+struct TESSEL_API SignatureAlgorithm {
   const Oid* oid;
   const char* name;  // as oid2name shows it; null: shown dotted
   KeyType key;
@@ -295,18 +297,18 @@ struct SignatureAlgorithm {
   bool forSigning;  // false: only named in dumps; the signing and verifying lookups skip it
 };
 // signatureAlgorithms lists the signature algorithms in lookup order (the first match wins).
-std::span<const SignatureAlgorithm> signatureAlgorithms();
+TESSEL_API std::span<const SignatureAlgorithm> signatureAlgorithms();
 // findSignatureAlgorithm is the entry of a signature OID (content bytes), or null.
-const SignatureAlgorithm* findSignatureAlgorithm(blob oid);
+TESSEL_API const SignatureAlgorithm* findSignatureAlgorithm(blob oid);
 
 // HmacAlgorithm ties an HMAC OID (a PBKDF2 PRF) to its digest.
-struct HmacAlgorithm {
+struct TESSEL_API HmacAlgorithm {
   const Oid* oid;
   HashID hash;
 };
 // hmacAlgorithms lists the HMAC OIDs we know.
-std::span<const HmacAlgorithm> hmacAlgorithms();
+TESSEL_API std::span<const HmacAlgorithm> hmacAlgorithms();
 // hmacHash is the digest of an HMAC OID (content bytes), or hashNone.
-HashID hmacHash(blob oid);
+TESSEL_API HashID hmacHash(blob oid);
 
 }  // namespace tessel::asn1

@@ -11,6 +11,8 @@
 // verify with an empty or absent password the other is tried, as OpenSSL does.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 #include <ostream>
 #include <string>
@@ -25,7 +27,7 @@
 namespace tessel {
 
 // PKCS12Bag is one SafeBag as read: its type, its attributes and what it holds.
-struct PKCS12Bag {
+struct TESSEL_API PKCS12Bag {
   enum class Kind { key, certificate, crl, other };
   Kind kind = Kind::other;
   std::vector<unsigned char> bagType;            // OID content
@@ -41,7 +43,7 @@ struct PKCS12Bag {
 };
 
 // PKCS12Mac says how the file's integrity was protected.
-struct PKCS12Mac {
+struct TESSEL_API PKCS12Mac {
   bool present = false;
   bool pbmac1 = false;        // PBMAC1: PBKDF2 keys the HMAC
   HashID hash = hashNone;     // the HMAC's digest
@@ -50,13 +52,13 @@ struct PKCS12Mac {
 };
 
 // PKCS12ReadOptions bounds the work a file may ask for.
-struct PKCS12ReadOptions {
+struct TESSEL_API PKCS12ReadOptions {
   unsigned maxIterations = kMaxPbeIterations;  // for the MAC and every decryption
 };
 
 // PKCS12WriteOptions says how a new file is protected. The defaults are those of OpenSSL 3:
 // PBES2 (PBKDF2-HMAC-SHA-256, AES-256-CBC) for the key and the certificates, HMAC-SHA-256 MAC.
-struct PKCS12WriteOptions {
+struct TESSEL_API PKCS12WriteOptions {
   bool legacy = false;                       // triple DES key, RC2-40 certificates, HMAC-SHA-1 MAC
   bool legacyCertificatesTripleDes = false;  // with `legacy`: certificates under triple DES
   unsigned iterations = 2048;                // key and certificate encryption
@@ -65,14 +67,14 @@ struct PKCS12WriteOptions {
 };
 
 // PKCS12KeyAndCertificate is a key with the certificate that goes with it and the others.
-struct PKCS12KeyAndCertificate {
+struct TESSEL_API PKCS12KeyAndCertificate {
   std::shared_ptr<PrivateKey> key;
   std::shared_ptr<X509Certificate> certificate;          // null when none matches the key
   std::vector<std::shared_ptr<X509Certificate>> others;  // the remaining certificates, in file order
 };
 
 // PKCS12PFX is a PKCS#12 file as read.
-class PKCS12PFX {
+class TESSEL_API PKCS12PFX {
  public:
   // kMaxDepth bounds the nesting of safeContentsBags; kMaxEncrypted bounds the password-encrypted
   // items (each costs a key derivation) a file may hold.
@@ -101,8 +103,8 @@ class PKCS12PFX {
 // encodePkcs12 writes a new PFX holding `key`, its certificate `cert` (linked to it by a
 // localKeyId, the SHA-1 of the certificate) and the `chain` certificates, under `password`.
 // Empty when the key cannot be encoded, an iteration count is 0 or the random source fails.
-std::vector<unsigned char> encodePkcs12(const PrivateKey& key, const X509Certificate& cert,
-                                        const std::vector<std::shared_ptr<X509Certificate>>& chain,
-                                        const PbePassword& password, const PKCS12WriteOptions& options = {});
+TESSEL_API std::vector<unsigned char> encodePkcs12(const PrivateKey& key, const X509Certificate& cert,
+                                                   const std::vector<std::shared_ptr<X509Certificate>>& chain,
+                                                   const PbePassword& password, const PKCS12WriteOptions& options = {});
 
 }  // namespace tessel

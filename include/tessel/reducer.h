@@ -4,6 +4,8 @@
 // Nothing here is constant-time: exponentiation and inversion take value-dependent paths.
 #pragma once
 
+#include "tessel/export.h"
+
 #include "tessel/bignum.h"
 #include "tessel/rng.h"
 
@@ -14,7 +16,7 @@ class RedNum;
 // Reducer reduces numbers modulo a modulus it borrows (the modulus must outlive the reducer
 // and every residue bound to it). The base class keeps plain representatives and reduces
 // only where an operation needs it; subclasses choose their own representation.
-class Reducer {
+class TESSEL_API Reducer {
  public:
   constexpr explicit Reducer(const BigNum& mod) : mod_(&mod) {}
 
@@ -43,7 +45,7 @@ class Reducer {
 };
 
 // RedNum is a residue: a value in its reducer's representation and the borrowed reducer.
-class RedNum {
+class TESSEL_API RedNum {
  public:
   // RedNum() is zero bound to emptyReducer, the state of a residue not yet given a reducer.
   RedNum() : reducer(&emptyReducer) {}
@@ -69,7 +71,7 @@ class RedNum {
 // MontgomeryReducer represents x as x·R mod n with R = 2^(32·k), k the digit count of the odd
 // modulus n (an even modulus silently gives wrong results). Its products come out fully
 // reduced.
-class MontgomeryReducer : public Reducer {
+class TESSEL_API MontgomeryReducer : public Reducer {
  public:
   explicit MontgomeryReducer(const BigNum& n);
 
@@ -99,7 +101,7 @@ class MontgomeryReducer : public Reducer {
 // and a fold by 38 (2^256 ≡ 38). Its results are congruent and below 2^256 but only partially
 // reduced: they may reach slightly above the modulus, so canonical output needs a full
 // reduction first.
-class Mod25519Reducer : public Reducer {
+class TESSEL_API Mod25519Reducer : public Reducer {
  public:
   Mod25519Reducer();
 
@@ -110,27 +112,27 @@ class Mod25519Reducer : public Reducer {
 };
 
 // mul sets r = a·b through a's reducer, which r takes on.
-void mul(RedNum& r, const RedNum& a, const RedNum& b);
+TESSEL_API void mul(RedNum& r, const RedNum& a, const RedNum& b);
 // mul_redbn sets r = a·b for a factor b already in a's representation.
-void mul_redbn(RedNum& r, const RedNum& a, const BigNum& b);
+TESSEL_API void mul_redbn(RedNum& r, const RedNum& a, const BigNum& b);
 // mul sets r = r·k through r's reducer.
-void mul(RedNum& r, unsigned k);
+TESSEL_API void mul(RedNum& r, unsigned k);
 // sqr sets r = a² through a's reducer, which r takes on.
-void sqr(RedNum& r, const RedNum& a);
+TESSEL_API void sqr(RedNum& r, const RedNum& a);
 // inv returns the inverse of the unit x by the binary extended gcd; a non-unit gives a wrong
 // value without any report.
-RedNum inv(RedNum&& x);
+TESSEL_API RedNum inv(RedNum&& x);
 
 // expByMod returns base^e in red's representation by a fixed window whose width grows with
 // the length of e. Its sequence of operations depends on e.
-RedNum expByMod(const RedNum& base, const BigNum& e, const Reducer& red);
+TESSEL_API RedNum expByMod(const RedNum& base, const BigNum& e, const Reducer& red);
 // expByMod returns a^e mod m for an odd m, through a Montgomery reducer for m.
-BigNum expByMod(const BigNum& a, const BigNum& e, const BigNum& m);
+TESSEL_API BigNum expByMod(const BigNum& a, const BigNum& e, const BigNum& m);
 
 // randomBigNum draws *out uniformly from [1, max] by rejection, up to 100 draws. It returns
 // false when `rng` fails (at once) or when every draw was rejected (*out holds the last one).
 // The source is taken by const reference, as hosts' callers pass it; drawing from it is still
 // a call of its (non-const) generate.
-bool randomBigNum(BigNum* out, const BigNum& max, const Rng& rng);
+TESSEL_API bool randomBigNum(BigNum* out, const BigNum& max, const Rng& rng);
 
 }  // namespace tessel

@@ -1,6 +1,8 @@
 // X509Req: a PKCS#10 certificate signing request, parsed from DER and dumped as text.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -10,7 +12,7 @@
 
 namespace tessel {
 
-class X509Req : public X509Base {
+class TESSEL_API X509Req : public X509Base {
  public:
   DistinguishedName subject;
   std::vector<unsigned char> publicKeyInfo;  // whole SubjectPublicKeyInfo element

@@ -2,13 +2,15 @@
 // DigestInfo check of signature verification.
 #pragma once
 
+#include "tessel/export.h"
+
 #include "tessel/bignum.h"
 #include "tessel/keys.h"
 #include "tessel/rng.h"
 
 namespace tessel {
 
-class RsaPublicKey : public virtual PublicKey {
+class TESSEL_API RsaPublicKey : public virtual PublicKey {
  public:
   BigNum n;  // modulus
   BigNum e;  // public exponent
@@ -55,7 +57,7 @@ class RsaPublicKey : public virtual PublicKey {
   bool publicParamsSane() const;
 };
 
-class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
+class TESSEL_API RsaPrivateKey : public RsaPublicKey, public PrivateKey {
  public:
   BigNum d, p, q, dP, dQ, qInv;
 
@@ -91,6 +93,6 @@ class RsaPrivateKey : public RsaPublicKey, public PrivateKey {
 
 // rsaPkcs1Block is the k-byte EMSA-PKCS1-v1_5 block 00 01 FF..FF 00 T of a digest: T is its
 // DigestInfo, or the raw digest for the MD5+SHA-1 pair. Empty when k is too short for T.
-std::vector<unsigned char> rsaPkcs1Block(unsigned hashId, asn1::blob hash, unsigned k);
+TESSEL_API std::vector<unsigned char> rsaPkcs1Block(unsigned hashId, asn1::blob hash, unsigned k);
 
 }  // namespace tessel

@@ -2,6 +2,8 @@
 // where dates past 2038 must keep working), with the ASN.1 UTCTime/GeneralizedTime forms.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <compare>
 #include <cstdint>
 #include <ctime>
@@ -12,7 +14,7 @@
 
 namespace tessel {
 
-class TimePoint {
+class TESSEL_API TimePoint {
  public:
   // The time with no well-defined expiration, written "99991231235959Z".
   static constexpr std::int64_t kNoExpiry = 0x7FFFFFFFFFFFFFFF;

@@ -2,6 +2,8 @@
 // authority that grants tokens and the checks a client makes on a response.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,7 +21,7 @@ namespace tessel {
 // TimeStampRequest is a TimeStampReq. The certReq BOOLEAN is required and always written, even
 // when false: the peers this was written for always send it, and a request without it is
 // refused. Extensions are refused too.
-class TimeStampRequest {
+class TESSEL_API TimeStampRequest {
  public:
   std::uint32_t version = 1;
   HashID hash = hashNone;             // the message imprint's digest
@@ -37,7 +39,7 @@ class TimeStampRequest {
 };
 
 // TimeStampResponse is a TimeStampResp: the status and, when granted, the token.
-class TimeStampResponse {
+class TESSEL_API TimeStampResponse {
  public:
   std::uint32_t status = 0;                // PKIStatus: 0 granted, 1 with modifications, 2+ refused
   std::unique_ptr<PKCS7SignedData> token;  // empty when the response carries none
@@ -61,7 +63,7 @@ enum TimeStampFailure : unsigned {
 };
 
 // TSTInfo is the content a time-stamp token signs.
-struct TSTInfo {
+struct TESSEL_API TSTInfo {
   std::uint32_t version = 1;
   std::vector<unsigned char> policy;         // OID content
   HashID hash = hashNone;                    // message imprint digest
@@ -87,7 +89,7 @@ struct TSTInfo {
 
 // TimeStampAuthority grants time-stamp requests with tokens signed by its key. Its certificate
 // must carry the extended key usage timeStamping, critical, and no other purpose.
-struct TimeStampAuthority {
+struct TESSEL_API TimeStampAuthority {
   const PrivateKey* key = nullptr;
   std::shared_ptr<X509Certificate> certificate;
   std::vector<std::shared_ptr<X509Certificate>> chain;  // included after the certificate
@@ -124,7 +126,7 @@ enum TimeStampCode : unsigned {
 
 // TimeStampCheck is the outcome of verifyTimeStamp: a TimeStampCode, a one-line reason for
 // anything but success and, on success, the token's TSTInfo and signer certificate.
-struct TimeStampCheck {
+struct TESSEL_API TimeStampCheck {
   unsigned code = tsValid;
   std::string reason;
   TSTInfo info;
@@ -137,7 +139,7 @@ struct TimeStampCheck {
 // token or `options.store`) is a time-stamping certificate named by the token's ESS signing
 // certificate attribute (v1 or v2), with a valid signature. `options` is handed to the
 // SignedData check (a store and path validation).
-TimeStampCheck verifyTimeStamp(const TimeStampResponse& response, const TimeStampRequest& request,
-                               const CmsVerifyOptions& options = {});
+TESSEL_API TimeStampCheck verifyTimeStamp(const TimeStampResponse& response, const TimeStampRequest& request,
+                                          const CmsVerifyOptions& options = {});
 
 }  // namespace tessel

@@ -7,6 +7,8 @@
 // scalar is constant time.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstddef>
 
 namespace tessel::x25519 {
@@ -16,9 +18,9 @@ constexpr std::size_t keySize = 32;
 // scalarMult computes X25519(scalar, u) into `out` (32 bytes each, the scalar clamped as the
 // RFC says). It returns false, with `out` holding the zero result, when the result is all
 // zero; true otherwise.
-bool scalarMult(unsigned char out[32], const unsigned char scalar[32], const unsigned char u[32]);
+TESSEL_API bool scalarMult(unsigned char out[32], const unsigned char scalar[32], const unsigned char u[32]);
 
 // publicKey computes the public u-coordinate X25519(privateKey, 9) into `out`.
-void publicKey(unsigned char out[32], const unsigned char privateKey[32]);
+TESSEL_API void publicKey(unsigned char out[32], const unsigned char privateKey[32]);
 
 }  // namespace tessel::x25519

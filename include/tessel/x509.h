@@ -2,6 +2,8 @@
 // X509Certificate with the decoded fields and extensions path validation relies on.
 #pragma once
 
+#include "tessel/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -18,7 +20,7 @@ namespace tessel {
 
 // X509Base holds the parts of a signed object (certificate, CRL, request): the to-be-signed
 // element as found, the outer signature algorithm and the signature bits.
-class X509Base {
+class TESSEL_API X509Base {
  public:
   std::vector<unsigned char> tbs;        // whole TBS element, exactly as in the input
   std::vector<unsigned char> sigAlg;     // whole outer signatureAlgorithm SEQUENCE
@@ -81,7 +83,7 @@ enum KeyUsageBit : std::uint32_t {
   ekuDvcs = 0x400000
 };
 
-class X509Certificate : public X509Base {
+class TESSEL_API X509Certificate : public X509Base {
  public:
   DistinguishedName issuer, subject;
   std::vector<GeneralName> subjectAltNames;

@@ -10,6 +10,8 @@
 //   7 issuer public key unreadable
 #pragma once
 
+#include "tessel/export.h"
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -43,36 +45,36 @@ enum PathCode : unsigned {
 };
 
 // PathRes carries the reason of a signature failure out of verifySignature.
-struct PathRes {
+struct TESSEL_API PathRes {
   unsigned code = 0;  // 7 key unreadable, 8 algorithm unusable, 9 set once verification starts
 };
 
 // pathCodeText names the codes that x509ValidatePath returns without a reason text of their
 // own ("chain valid", "empty chain", ...); empty for the others.
-const char* pathCodeText(unsigned code);
+TESSEL_API const char* pathCodeText(unsigned code);
 
 // verifySignature checks the signature of `object` (certificate, CRL or request) with the key
 // in the SubjectPublicKeyInfo `publicKeyInfo`: RSA PKCS#1 v1.5 (at least eight 0xFF padding
 // bytes), ECDSA or Ed25519. True when it verifies; on false `result->code` says why.
-bool verifySignature(const X509Base* object, asn1::blob publicKeyInfo, PathRes* result);
+TESSEL_API bool verifySignature(const X509Base* object, asn1::blob publicKeyInfo, PathRes* result);
 
 // matchNameConstraint is true when the dNSName `name` lies in the dNSName subtree
 // `constraint` ("b.c" covers b.c and a.b.c, ".b.c" only a.b.c). Other types never match.
-bool matchNameConstraint(const GeneralName& constraint, const GeneralName& name);
+TESSEL_API bool matchNameConstraint(const GeneralName& constraint, const GeneralName& name);
 
 // x509BuildPath appends issuers from `store` to `chain`, starting from `start` (not itself
 // appended) or, when `start` is empty, from the last element of `chain`, until a self-signed
 // certificate, a missing issuer, a non-CA issuer or a loop. It returns whether `chain` holds
 // anything; why building stopped short is printed ("trust path: ...").
-bool x509BuildPath(const CertificateStore& store, std::vector<std::shared_ptr<X509Certificate>>& chain,
-                   std::shared_ptr<X509Certificate> start);
+TESSEL_API bool x509BuildPath(const CertificateStore& store, std::vector<std::shared_ptr<X509Certificate>>& chain,
+                              std::shared_ptr<X509Certificate> start);
 
 // x509ValidatePath validates `chain` (leaf first, each next element its issuer) at `now`: the
 // leaf's names against `host`, `ip` and `email` (each ignored when empty), name constraints,
 // validity times, revocation when `checkCrl` is set, CA flags, a trust anchor held by `store`,
 // path lengths and signatures. Returns a PathCode; `*error` gets the reason where there is one.
-unsigned x509ValidatePath(const std::vector<std::shared_ptr<X509Certificate>>& chain, const CertificateStore& store,
-                          TimePoint now, std::string_view host, const ol::IPAddr6& ip, std::string_view email,
-                          bool checkCrl, std::string* error);
+TESSEL_API unsigned x509ValidatePath(const std::vector<std::shared_ptr<X509Certificate>>& chain,
+                                     const CertificateStore& store, TimePoint now, std::string_view host,
+                                     const ol::IPAddr6& ip, std::string_view email, bool checkCrl, std::string* error);
 
 }  // namespace tessel

@@ -1,4 +1,5 @@
 #include "tessel/kernel.h"
+#include "core/diag.h"
 
 #include <linux/if_alg.h>
 #include <sys/socket.h>
@@ -9,7 +10,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <vector>
 
 #ifndef SOL_ALG
@@ -23,7 +23,7 @@ namespace {
 // printError writes `what` and the text of the current errno as one line.
 void printError(const char* what) {
   const int err = errno;
-  std::cout << what << std::strerror(err) << '\n';
+  diag() << what << std::strerror(err);
 }
 
 template <class Call>
@@ -65,7 +65,7 @@ bool KernelAlg::kernelOpen(std::string_view type, std::string_view name) {
                 name.data());
   if (::bind(fd, reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0) {
     const int err = errno;
-    std::cout << "alg bind failed: " << std::strerror(err) << " for type:" << type << " name:" << name << '\n';
+    diag() << "alg bind failed: " << std::strerror(err) << " for type:" << type << " name:" << name;
     ::close(fd);
     return false;
   }
@@ -172,7 +172,8 @@ bool KernelAlg::kernelSend(iovec* iov, unsigned count, bool encrypt, unsigned fl
   }
   if (tagLength_ && !next(ALG_SET_AEAD_ASSOCLEN, CMSG_LEN(4))) return false;
   if (tagLength_) put32(CMSG_DATA(c), assocLength_);
-  msg.msg_controllen = static_cast<std::size_t>(reinterpret_cast<unsigned char*>(c) - control) + CMSG_ALIGN(c->cmsg_len);
+  msg.msg_controllen =
+      static_cast<std::size_t>(reinterpret_cast<unsigned char*>(c) - control) + CMSG_ALIGN(c->cmsg_len);
 
   if (retryOnEintr([&] { return ::sendmsg(op, &msg, static_cast<int>(flags)); }) < 0) {
     printError("alg: sendmsg error:");
@@ -201,7 +202,7 @@ bool KernelAlg::kernelRecvmsg(iovec* iov) {
   return false;
 }
 
-void KernelAlg::notPadded(unsigned len) { std::cout << "alg cipher failed: data not padded: " << len << '\n'; }
+void KernelAlg::notPadded(unsigned len) { diag() << "alg cipher failed: data not padded: " << len; }
 
 bool KernelAlg::transfer(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned asize,
                          unsigned char* out, bool encrypt) {
@@ -233,7 +234,7 @@ bool KernelAlg::transfer(const unsigned char* in, unsigned len, const unsigned c
 bool KernelAead::tooMuchData(unsigned len, unsigned aadLen) {
   const std::uint64_t total = std::uint64_t{len} + aadLen;
   if (total <= sockmemSize()) return false;
-  std::cout << "alg aead failed: too much data: " << total << '\n';
+  diag() << "alg aead failed: too much data: " << total;
   return true;
 }
 

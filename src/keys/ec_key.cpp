@@ -2,9 +2,9 @@
 #include "tessel/ec_key.h"
 
 #include <algorithm>
-#include <iostream>
 
 #include "core/declassify.h"
+#include "core/diag.h"
 #include "core/secret.h"
 #include "ec/nist_ct.h"
 #include "tessel/factory.h"
@@ -100,10 +100,10 @@ bool EcPublicKey::parseCurveParams(asn1::blob params) {
         curve = c;
         return true;
       }
-    std::cout << "[ERR] unknown ec id " << asn1::oidStr(oid) << "\n";
+    diag() << "[ERR] unknown ec id " << asn1::oidStr(oid);
     return false;
   }
-  std::cout << "[ERR] unknown ec id " << asn1::str(params) << "\n";
+  diag() << "[ERR] unknown ec id " << asn1::str(params);
   return false;
 }
 

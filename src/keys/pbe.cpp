@@ -1,10 +1,9 @@
 // Password-based encryption shared by encrypted PKCS#8 keys and PKCS#12 files.
 #include "keys/pbe.h"
 
-#include <iostream>
-
 #include "cipher/padding.h"
 #include "core/declassify.h"
+#include "core/diag.h"
 #include "core/secret.h"
 #include "tessel/cipher.h"
 
@@ -14,7 +13,7 @@ namespace oid = asn1::oid;
 
 bool iterationsOk(unsigned iterations, unsigned max) {
   if (iterations != 0 && iterations <= max) return true;
-  std::cout << "PKCS8: unsupported iteration count: <" << iterations << ">\n";
+  diag() << "PKCS8: unsupported iteration count: <" << iterations << ">";
   return false;
 }
 

@@ -1,7 +1,6 @@
 #include "tessel/pkcs8.h"
 
-#include <iostream>
-
+#include "core/diag.h"
 #include "keys/pbe.h"
 #include "tessel/block.h"
 #include "tessel/cipher.h"
@@ -49,14 +48,14 @@ bool pbes2Run(const PBES2Params& params, std::string_view password, asn1::blob d
   if (prfHash == hashSha1) prf = std::make_unique<SHA1>();
   else if (prfHash == hashSha256) prf = std::make_unique<SHA256>();
   if (!prf) {
-    std::cout << "unsupported PBES2 KDF: <" << asn1::oid2name(asn1::blob(params.prfOid)) << ">\n";
+    diag() << "unsupported PBES2 KDF: <" << asn1::oid2name(asn1::blob(params.prfOid)) << ">";
     return false;
   }
   const CbcScheme* scheme = nullptr;
   for (const CbcScheme& s : kSchemes)
     if (s.oid->is(asn1::blob(params.encOid))) scheme = &s;
   if (!scheme) {
-    std::cout << "PBES2: unimplemented cipher: <" << asn1::oid2name(asn1::blob(params.encOid)) << ">\n";
+    diag() << "PBES2: unimplemented cipher: <" << asn1::oid2name(asn1::blob(params.encOid)) << ">";
     return false;
   }
   if (params.iv.size() != scheme->ivBytes) return false;
@@ -263,7 +262,7 @@ std::shared_ptr<PrivateKey> parsePkcs8EncryptedPrivateKey(asn1::blob der, std::s
   } else if (oid::pbes2.is(asn1::blob(alg.oid))) {
     ok = pbes2_crypt(alg, password, ciphertext, plaintext, false);
   } else {
-    std::cout << "PKCS8: unsupported PBE: <" << asn1::oid2name(asn1::blob(alg.oid)) << ">\n";
+    diag() << "PKCS8: unsupported PBE: <" << asn1::oid2name(asn1::blob(alg.oid)) << ">";
     return nullptr;
   }
   std::shared_ptr<PrivateKey> key;

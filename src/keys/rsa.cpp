@@ -1,7 +1,6 @@
 #include "tessel/rsa.h"
 
-#include <iostream>
-
+#include "core/diag.h"
 #include "keys/rsa_private.h"
 
 namespace tessel {
@@ -54,7 +53,7 @@ void RsaPublicKey::dump(std::ostream& out) const {
 
 asn1::blob RsaPublicKey::parseHashFromDerEncoded(unsigned id, asn1::blob block) {
   auto fail = [](const char* why) {
-    std::cout << why << "\n";
+    diag() << why;
     return asn1::blob();
   };
   if (block.empty()) return fail("empty digest info");

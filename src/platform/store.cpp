@@ -12,8 +12,8 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <iostream>
 
+#include "core/diag.h"
 #include "ol/file.h"
 #include "tessel/assert.h"
 
@@ -322,7 +322,9 @@ Store::Store(std::string_view name) : name_(name) {
 void Store::load() {
   DIR* d = ::opendir(dir_.c_str());
   if (!d) {
-    if (errno != ENOENT) std::cout << "[ERR] store " << name_ << ": " << std::strerror(errno) << "\n";
+    // The reason is taken before the line is built, which may allocate.
+    const int err = errno;
+    if (err != ENOENT) tessel::diag() << "[ERR] store " << name_ << ": " << std::strerror(err);
     return;
   }
   while (const dirent* e = ::readdir(d)) {
@@ -342,7 +344,7 @@ void Store::load() {
     if (!fault && (fault = decodeEntry(bytesOf(bytes), id, m)) == nullptr && id != wanted) fault = "wrong id";
     else if (!fault && isState && !m.has(kStateField)) fault = "bad fields";
     if (fault) {
-      std::cout << "[ERR] store " << name_ << ": skipped " << file << ": " << fault << "\n";
+      tessel::diag() << "[ERR] store " << name_ << ": skipped " << file << ": " << fault;
       if (isState) statePresence_ = Presence::damaged;
       else damaged_.insert(wanted);
       continue;

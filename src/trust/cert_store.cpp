@@ -8,12 +8,12 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 #include <map>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
+#include "core/diag.h"
 #include "ol/file.h"
 #include "tessel/oids.h"
 #include "tessel/pem.h"
@@ -176,7 +176,8 @@ bool CertificateMemoryStore::loadFromDir(std::string_view dir, bool withCrls) {
   const std::string base(dir);
   DIR* d = opendir(base.c_str());
   if (d == nullptr) {
-    std::cout << "[ERR] opendir: " << std::strerror(errno) << "\n";
+    const int err = errno;  // taken before the line is built, which may allocate
+    diag() << "[ERR] opendir: " << std::strerror(err);
     return false;
   }
   // Entries are tried in the order the system lists them; "." and ".." simply fail to read.

@@ -1,9 +1,9 @@
 // Filling a CertificateMemoryStore from the host's certificate manager: its entries, the
 // built-in CA directory as its settings allow, and the CRLs that apply.
-#include <iostream>
 #include <string>
 #include <vector>
 
+#include "core/diag.h"
 #include "ol/file.h"
 #include "ol/store.h"
 #include "tessel/cert_store.h"
@@ -103,11 +103,11 @@ void appendCrlFile(std::vector<std::shared_ptr<X509Crl>>& crls, const std::strin
 bool builtInsDamaged(const ol::Store& settings, const ol::Store& cerm) {
   bool damaged = false;
   if (settings.lookup(0) == ol::Presence::damaged) {
-    std::cout << "[ERR] cert settings damaged: built-in CAs off\n";
+    diag() << "[ERR] cert settings damaged: built-in CAs off";
     damaged = true;
   }
   if (cerm.stateLookup() == ol::Presence::damaged) {
-    std::cout << "[ERR] cerm state damaged: built-in CAs off\n";
+    diag() << "[ERR] cerm state damaged: built-in CAs off";
     damaged = true;
   }
   return damaged;

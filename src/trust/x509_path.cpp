@@ -2,9 +2,9 @@
 #include "tessel/x509_path.h"
 
 #include <cstdint>
-#include <iostream>
 #include <limits>
 
+#include "core/diag.h"
 #include "tessel/algorithm_id.h"
 #include "tessel/asn1.h"
 #include "tessel/pkcs8.h"
@@ -111,7 +111,7 @@ bool isRevoked(const X509Crl& crl, const X509Certificate& cert) {
 
 void printPossibleCrls(const Chain& chain) {
   for (const auto& cert : chain) {
-    for (const auto& point : cert->crlDistributionPoints) std::cout << "\tpossible crl: " << point.dataStr() << "\n";
+    for (const auto& point : cert->crlDistributionPoints) diag() << "\tpossible crl: " << point.dataStr();
   }
 }
 
@@ -187,18 +187,17 @@ bool x509BuildPath(const CertificateStore& store, Chain& chain, std::shared_ptr<
   for (std::shared_ptr<X509Certificate> current = std::move(start); !current->selfSigned;) {
     auto issuer = store.findIssuer(current->issuer, asn1::blob(current->authorityKeyId));
     if (!issuer) {
-      std::cout << "trust path: next certificate not found for akid: " << asn1::str(current->authorityKeyId) << "\n";
+      diag() << "trust path: next certificate not found for akid: " << asn1::str(current->authorityKeyId);
       return !chain.empty();
     }
     if (issuer->isCa != 1) {
-      std::cout << "trust path: certificate without CA constraint with skid: " << asn1::str(issuer->subjectKeyId)
-                << "\n";
+      diag() << "trust path: certificate without CA constraint with skid: " << asn1::str(issuer->subjectKeyId);
       return !chain.empty();
     }
     for (const auto& held : chain) {
       if (held->subject == issuer->subject && held->subjectKeyId == issuer->subjectKeyId) {
         // A loop ends building with what was collected; validation then judges that chain.
-        std::cout << "trust path: loop skid: " << asn1::str(issuer->subjectKeyId) << "\n";
+        diag() << "trust path: loop skid: " << asn1::str(issuer->subjectKeyId);
         return true;
       }
     }

@@ -1,7 +1,6 @@
 #include "tessel/crl.h"
 
-#include <iostream>
-
+#include "core/diag.h"
 #include "x509/x509_ext.h"
 
 namespace tessel {
@@ -48,7 +47,7 @@ bool readAuthorityKeyIdentifier(X509Crl& crl, blob value, bool) {
 }
 
 bool ignoreIssuingDistributionPoint(X509Crl&, blob, bool) {
-  std::cout << "ignoring crl ext issuingDistributionPoint\n";
+  diag() << "ignoring crl ext issuingDistributionPoint";
   return true;
 }
 
@@ -104,7 +103,7 @@ bool X509Crl::parseEntry(blob entry) {
       if (const auto* reader = x509::findReader(kEntryExtensions, oid)) {
         if (!reader->read(rc, value, critical)) return false;
       } else {
-        std::cout << "unknown crlEntry ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";
+        diag() << "unknown crlEntry ext id=" << asn1::oidStr(oid) << ", critical: " << critical;
         if (critical) return false;
       }
     }
@@ -122,7 +121,7 @@ bool X509Crl::parseCrlExtensions(blob list) {
     if (const auto* reader = x509::findReader(kCrlExtensions, oid)) {
       if (!reader->read(*this, value, critical)) return false;
     } else {
-      std::cout << "unknown crl ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";
+      diag() << "unknown crl ext id=" << asn1::oidStr(oid) << ", critical: " << critical;
       if (critical) return false;
     }
   }

@@ -2,8 +2,7 @@
 
 #include <strings.h>
 
-#include <iostream>
-
+#include "core/diag.h"
 #include "tessel/asn1.h"
 #include "tessel/oids.h"
 
@@ -70,7 +69,7 @@ bool DistinguishedName::parse(asn1::blob der) {
     if (!isDirectoryString(atv.tag)) continue;
     asn1::blob value = atv.content;
     if (!setAttr(oid, std::string(value.begin(), value.end()))) {
-      std::cout << "unknown name attr: " << asn1::oidStr(oid) << "\n";
+      diag() << "unknown name attr: " << asn1::oidStr(oid);
       unknownAttrs.push_back(rdn.vec());
     }
   }

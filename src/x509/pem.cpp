@@ -1,8 +1,8 @@
 #include "tessel/pem.h"
 
 #include <cstdio>
-#include <iostream>
 
+#include "core/diag.h"
 #include "ol/base64.h"
 #include "ol/file.h"
 #include "tessel/block.h"
@@ -152,7 +152,7 @@ bool pemDecrypt(std::string_view body, std::vector<unsigned char>* out, const st
   for (const LegacyCipher& c : kLegacyCiphers)
     if (std::string_view(name) == c.name) scheme = &c;
   if (!scheme) {
-    std::cout << "[ERR] unkown encrypted PEM type: " << name << "\n";
+    diag() << "[ERR] unkown encrypted PEM type: " << name;
     return false;
   }
   Bytes data, iv;
@@ -217,7 +217,7 @@ std::vector<std::shared_ptr<X509Certificate>> readCertChain(std::string_view in)
     std::string_view rest = in;
     if (!nextBlock(rest, &label, &der)) break;
     in = rest;
-    std::cout << "LABEL: " << label << "\n";
+    diag() << "LABEL: " << label;
     if (label != "CERTIFICATE") continue;
     auto cert = std::make_shared<X509Certificate>();
     if (der.empty() || !cert->parse(der.data(), static_cast<unsigned>(der.size()))) return {};

@@ -1,7 +1,6 @@
 #include "tessel/req.h"
 
-#include <iostream>
-
+#include "core/diag.h"
 #include "tessel/pkcs8.h"
 #include "x509/x509_ext.h"
 
@@ -75,7 +74,7 @@ bool X509Req::parseReq(blob der) {
       if (!s.isAt(asn1::tagPrintableString)) return false;
       challengePassword = s.takeString();
     } else {
-      std::cout << "unknown attribute " << asn1::str(oid) << "\n";
+      diag() << "unknown attribute " << asn1::str(oid);
     }
   }
   return p.atEnd();
@@ -92,7 +91,7 @@ bool X509Req::parseExtensionRequest(blob set) {
     if (const auto* reader = x509::findReader(kRequestExtensions, oid)) {
       if (!reader->read(*this, value, critical)) return false;
     } else {
-      std::cout << "unknown ext id=" << asn1::oidStr(oid) << "\n";
+      diag() << "unknown ext id=" << asn1::oidStr(oid);
     }
   }
   return true;

@@ -1,7 +1,6 @@
 #include "tessel/x509.h"
 
-#include <iostream>
-
+#include "core/diag.h"
 #include "tessel/pkcs8.h"
 #include "x509/x509_ext.h"
 
@@ -81,7 +80,7 @@ bool readSubtrees(blob list, GeneralName& kept, bool critical) {
     blob subtree;
     if (!p.isAt(asn1::tagSequence, &subtree)) return false;
     if (haveOne) {
-      std::cout << "multiple name contraints not supported\n";
+      diag() << "multiple name contraints not supported";
       return !critical;
     }
     // An empty or malformed subtree reads as a name of type 0 (GeneralName::parse takes the
@@ -117,7 +116,7 @@ bool readDistributionPoints(blob value, std::vector<GeneralName>& out) {
         return false;
     } else if (dp.isAt(asn1::implicitTag(1)) || dp.isAt(asn1::explicitTag(1)) || dp.isAt(asn1::implicitTag(2)) ||
                dp.isAt(asn1::implicitConstructedTag(2))) {
-      std::cout << "unsupported attribute: " << std::hex << dp.tag << std::dec << " in CRL DistributionPoint\n";
+      diag() << "unsupported attribute: " << std::hex << dp.tag << std::dec << " in CRL DistributionPoint";
     }
   }
   return true;
@@ -195,19 +194,19 @@ bool readNameConstraints(X509Certificate& c, blob value, bool critical) {
   if (!nc.atEnd()) return false;
   auto supported = [](const GeneralName& n) { return n.type == GeneralName::dNSName || n.type == GeneralName::none; };
   if (!supported(c.permittedName) || !supported(c.excludedName)) {
-    std::cout << "unsupported ext: name constraints, critical: " << critical << "\n";
+    diag() << "unsupported ext: name constraints, critical: " << critical;
     if (critical) return false;
   }
   return true;
 }
 
 bool refusePolicyConstraints(X509Certificate&, blob, bool critical) {
-  std::cout << "unsupported ext: policy constraints, critical: " << critical << "\n";
+  diag() << "unsupported ext: policy constraints, critical: " << critical;
   return !critical;
 }
 
 bool refuseInhibitAnyPolicy(X509Certificate&, blob, bool critical) {
-  std::cout << "unsupported ext: inhibit any policy, critical: " << critical << "\n";
+  diag() << "unsupported ext: inhibit any policy, critical: " << critical;
   return !critical;
 }
 
@@ -276,7 +275,7 @@ std::uint32_t extKeyUsageBits(blob seqContent) {
     if (asn1::oid::idKp.prefixes(oid))
       for (const UsageName& u : kUsageNames)
         if (u.ekuArc != 0 && u.ekuArc == oid[asn1::oid::idKp.size]) bit = u.bit;
-    if (bit == 0) std::cout << "unknown extended key usage " << asn1::oidStr(oid) << "\n";
+    if (bit == 0) diag() << "unknown extended key usage " << asn1::oidStr(oid);
     bits |= bit;
   }
   return bits;
@@ -411,7 +410,7 @@ bool X509Certificate::parseExtensions(blob a3) {
     if (const auto* reader = x509::findReader(kCertificateExtensions, oid)) {
       if (!reader->read(*this, value, critical)) return false;
     } else {
-      std::cout << "unknown ext id=" << asn1::oidStr(oid) << ", critical: " << critical << "\n";
+      diag() << "unknown ext id=" << asn1::oidStr(oid) << ", critical: " << critical;
       if (critical) return false;
     }
   }
