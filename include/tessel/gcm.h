@@ -45,15 +45,21 @@ class TESSEL_API GHash : public Hash {
 };
 
 // kGcmMaxBlocksPerIV is the most 16-byte blocks one IV may encrypt (NIST SP 800-38D): 2^32 - 2,
-// just under 64 GiB, since the counter's low 32 bits count them. A message length is an
-// unsigned, so no single message reaches it; a host must still never reuse an IV.
+// just under 64 GiB, since the counter's low 32 bits count them. A host must never reuse an IV.
 inline constexpr std::uint64_t kGcmMaxBlocksPerIV = (std::uint64_t{1} << 32) - 2;
+
+// kGcmMaxLength is the longest message, and the longest associated data, one encrypt() or
+// decrypt() takes: 2^29 - 1 bytes (just under 512 MiB). The length block carries each length in
+// bits as a 32-bit number, as tags made by earlier releases do, so a longer input cannot be
+// described there; passing one is a programming error and aborts.
+inline constexpr unsigned kGcmMaxLength = (1u << 29) - 1;
 
 // GCMCipher: ciphertextLength(len) = len + 16; decrypt() takes the ciphertext followed by the
 // 16-byte tag and returns its length or all ones when the tag does not match (the plaintext
 // has then been written to `out` all the same and must be discarded). setIV() must precede
 // every message; it derives H and builds a fresh GHASH each time. encrypt() or decrypt() before
-// the first setIV() is a programming error and aborts.
+// the first setIV(), or with more than kGcmMaxLength bytes of data or associated data (for
+// decrypt(), not counting the tag), is a programming error and aborts.
 class TESSEL_API GCMCipher : public Cipher {
  public:
   explicit GCMCipher(std::unique_ptr<BlockCipher> aes) {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 #include "cipher/modes.h"
 #include "core/secret.h"
@@ -157,19 +156,19 @@ void GCMCipher::setIV(const unsigned char* iv, unsigned size) {
 }
 
 // The counter block's last 32 bits count the blocks of one message, so one IV may encrypt at
-// most 2^32 - 2 blocks; a length in an unsigned never comes near that.
-static_assert(std::uint64_t{std::numeric_limits<unsigned>::max()} / 16 + 1 <= kGcmMaxBlocksPerIV);
+// most 2^32 - 2 blocks; a message of kGcmMaxLength bytes is far from that.
+static_assert(kGcmMaxLength / 16 + 1 <= kGcmMaxBlocksPerIV);
 
 void GCMCipher::crypt(const unsigned char* in, unsigned len, const unsigned char* aad, unsigned aadLen,
                       unsigned char* out, bool decrypting, unsigned char* tag) {
   TESSEL_ASSERT_TEXT(ghash_ != nullptr, "GCMCipher: setIV() before encrypt() or decrypt()");
+  // Each length in bits goes into the low 32 bits of its 64-bit field; the limit keeps it exact.
+  TESSEL_ASSERT(len <= kGcmMaxLength && aadLen <= kGcmMaxLength);
   unsigned char j0[16], lengths[16] = {};
   std::memcpy(j0, counter_, 16);
   ghash_->update(aad, aadLen);
-  // The lengths in bits are 64-bit fields: a message of 512 MiB or more has a bit count that
-  // does not fit 32 bits.
-  detail::storeBe64(lengths, std::uint64_t{aadLen} * 8);
-  detail::storeBe64(lengths + 8, std::uint64_t{len} * 8);
+  detail::storeBe32(lengths + 4, aadLen * 8);
+  detail::storeBe32(lengths + 12, len * 8);
   unsigned char keystream[detail::kCtrBatch * 16];
   while (len) {
     const unsigned blocks = std::min(detail::kCtrBatch, (len + 15) / 16), n = std::min(len, 16 * blocks);
