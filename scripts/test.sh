@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # Sets up and runs the whole test suite: the native build (with a benchmark smoke run),
-# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), the 32-bit build, and the
-# kernel run (static programs inside a QEMU guest whose kernel has AF_ALG).
-#   scripts/test.sh [native|sanitize|m32|kernel]...   (default: all four)
+# AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), the 32-bit build, the
+# kernel run (static programs inside a QEMU guest whose kernel has AF_ALG), the cross-built
+# suites for big-endian MIPS and 32-bit ARM under qemu-user, and the ThreadSanitizer run.
+#   scripts/test.sh [native|sanitize|m32|kernel|mips|armhf|tsan]...   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=("$@")
 ((${#runs[@]})) || runs=(native sanitize m32 kernel)
 
 # The kernel run also needs the 32-bit build: the appliance's programs are 32-bit.
-scripts/setup.sh $([[ " ${runs[*]} " == *" m32 "* || " ${runs[*]} " == *" kernel "* ]] && echo --m32)
+scripts/setup.sh $([[ " ${runs[*]} " == *" m32 "* || " ${runs[*]} " == *" kernel "* ]] && echo --m32) \
+  $([[ " ${runs[*]} " == *" mips "* || " ${runs[*]} " == *" armhf "* ]] && echo --cross)
 jobs=$(nproc)
 passed=0 failed=0
 
@@ -134,6 +136,42 @@ for run in "${runs[@]}"; do
       else
         echo "== no 32-bit toolchain (scripts/setup.sh --m32 installs it): 32-bit kernel run left out"
       fi
+      ;;
+    mips|armhf)
+      # Cross-built with cmake/toolchain-$run.cmake; ctest starts every test through qemu-user.
+      # Without a target libcrypto the OpenSSL oracle tests are compiled out, and the files that
+      # need libcrypto throughout are left out; the tool's tests skip themselves (TESSEL_TOOLS=OFF:
+      # the shell they use cannot start a foreign program).
+      build build/$run -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-$run.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DTESSEL_BENCH=OFF -DTESSEL_TOOLS=OFF -DTESSEL_GTEST_ROOT="$PWD/build-deps/gtest-$run" \
+        '-DTESSEL_TEST_EXCLUDE=/(cms_enveloped|key_agreement|record_ct|rsa_encryption|signature|x509_build)_test\.cpp$'
+      ctest_run build/$run
+      ;;
+    tsan)
+      # ThreadSanitizer (clang) over the library and the threads test alone, so it stays quick:
+      # the library is built by CMake, the test program from tests/threads_test.cpp and the
+      # test helpers. Any report stops the program (halt_on_error) and fails the run.
+      dir=build/tsan
+      echo "== configure and build $dir"
+      cmake -S . -B $dir -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DCMAKE_CXX_FLAGS=-fsanitize=thread -DTESSEL_TESTS=OFF -DTESSEL_TOOLS=OFF -DTESSEL_BENCH=OFF >/dev/null
+      cmake --build $dir --target libtessel.a -- -j"$jobs" 2>&1 | grep -v -E '^\[[0-9]+/[0-9]+\] ' || true
+      [[ -f $dir/libtessel.a ]] || { echo "test: build of $dir/libtessel.a failed"; exit 1; }
+      launcher=$(sed -n 's/^CMAKE_CXX_COMPILER_LAUNCHER:[A-Z]*=//p' $dir/CMakeCache.txt)
+      for src in threads_test support; do
+        $launcher clang++ -std=c++20 -O1 -g -fsanitize=thread -Wall -Wextra -Werror -Iinclude -Isrc -Itests \
+          -DTESSEL_SOURCE_DIR="\"$PWD\"" -DTESSEL_DEFAULT_VECTORS="\"$PWD/../shared/vectors\"" -DTESSEL_TOOL_PATH='""' \
+          -c tests/$src.cpp -o $dir/$src.o
+      done
+      clang++ -fsanitize=thread $dir/threads_test.o $dir/support.o $dir/libtessel.a -lgtest -lgtest_main -pthread \
+        -o $dir/tessel_threads_test
+      log=$(mktemp) rc=0
+      TSAN_OPTIONS=halt_on_error=1 $dir/tessel_threads_test --gtest_filter='Threads.*' 2>&1 | tee "$log" || rc=$?
+      pass=$(sed -n -E 's/^\[  PASSED  \] ([0-9]+) tests?.*/\1/p' "$log" | tail -1 | grep . || echo 0)
+      bad=$(grep -c -E '^\[  FAILED  \] [^ ]+ \([0-9]+ ms\)$' "$log" || true)
+      rm -f "$log"
+      ((rc == 0 || bad > 0)) || bad=1  # a ThreadSanitizer report or a crash
+      passed=$((passed + pass)); failed=$((failed + bad))
       ;;
     *) echo "test: unknown run '$run'"; exit 2 ;;
   esac

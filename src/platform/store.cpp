@@ -246,9 +246,10 @@ long long temporaryWriter(std::string_view name) {
 
 // temporaryName returns a name for a new temporary of `file` that no other write, in this
 // process or another, uses: the pid tells processes apart, the counter the writes of one
-// process, and the thread id says who wrote it when one is found.
+// process, and the thread id says who wrote it when one is found. The counter is a machine
+// word so that it is lock-free everywhere: a 64-bit atomic needs libatomic on 32-bit MIPS.
 std::string temporaryName(const std::string& file) {
-  static std::atomic<std::uint64_t> writes{0};
+  static std::atomic<unsigned long> writes{0};
   const long tid = ::syscall(SYS_gettid);
   return file + "." + std::to_string(::getpid()) + "." + std::to_string(tid) + "." +
          std::to_string(writes.fetch_add(1, std::memory_order_relaxed)) + ".tmp";
