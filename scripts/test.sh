@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Sets up and runs the whole test suite: the native build (with a benchmark smoke run),
 # AddressSanitizer + UndefinedBehaviorSanitizer (built with clang), the 32-bit build, the
-# kernel run (static programs inside a QEMU guest whose kernel has AF_ALG), the cross-built
-# suites for big-endian MIPS and 32-bit ARM under qemu-user, and the ThreadSanitizer run.
-#   scripts/test.sh [native|sanitize|m32|kernel|mips|armhf|tsan]...   (default: all of them)
+# kernel run (static programs inside a QEMU guest whose kernel has AF_ALG); on request also the
+# cross-built suites for big-endian MIPS and 32-bit ARM under qemu-user, and the ThreadSanitizer
+# run (not yet in the default list: their full runs have still to be timed against CI's budget).
+#   scripts/test.sh [native|sanitize|m32|kernel|mips|armhf|tsan]...   (default: the first four)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=("$@")
