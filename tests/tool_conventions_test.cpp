@@ -2,6 +2,7 @@
 // status 0, a usage error as one line on standard error with status 2, unreadable input apart
 // from a failed verification, strict dates, results alone on standard output.
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -21,7 +22,8 @@ struct Ran {
 
 // run executes a shell command and returns its standard output, standard error and exit status.
 Ran run(const std::string& command) {
-  const std::string errFile = testing::TempDir() + "tessel-tool-stderr";
+  // One file per process: ctest runs the tests of this file side by side.
+  const std::string errFile = testing::TempDir() + "tessel-tool-stderr." + std::to_string(getpid());
   Ran r{"", "", -1};
   FILE* p = popen((command + " 2>" + errFile).c_str(), "r");
   if (!p) return r;
@@ -31,6 +33,7 @@ Ran run(const std::string& command) {
   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   std::ifstream err(errFile);
   r.err.assign(std::istreambuf_iterator<char>(err), {});
+  std::remove(errFile.c_str());
   return r;
 }
 
