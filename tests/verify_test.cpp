@@ -23,6 +23,11 @@ using Chain = std::vector<std::shared_ptr<X509Certificate>>;
 using Names = std::vector<std::string>;
 
 const std::string kDir = std::string(TESSEL_SOURCE_DIR) + "/tests/data/verify/";
+
+const nlohmann::json& table() {
+  static const nlohmann::json t = test::dataFile("verify/scenarios.json");
+  return t;
+}
 constexpr std::int64_t kAt = 1749988800;  // 2025-06-15
 
 std::shared_ptr<X509Certificate> cert(const std::string& name) {
@@ -95,7 +100,7 @@ int opensslAccepts(const json& r) {
 TEST(VerifyChain, ScenarioTable) {
   const bool haveOpenssl = std::system("openssl version >/dev/null 2>&1") == 0;
   int crossChecked = 0;
-  for (const json& r : test::dataFile("verify/scenarios.json")["chains"]) {
+  for (const json& r : table()["chains"]) {
     SCOPED_TRACE(r["name"].get<std::string>());
     const V code = named<V>(r["code"], kCodes);
     const Names chain = names(r, "chain");
@@ -140,7 +145,7 @@ TEST(VerifyChain, ScenarioTable) {
 // keyUsage lacks cRLSign and a list of a same-named stranger never decide revocation. Each row of
 // "crls" names the list findCrl must pick for the leaf ("" for none) and x509ValidatePath's verdict.
 TEST(CrlAuth, OnlyListsSignedForTheIssuerCount) {
-  for (const json& c : test::dataFile("verify/scenarios.json")["crls"]) {
+  for (const json& c : table()["crls"]) {
     SCOPED_TRACE(c["name"].get<std::string>());
     const Names held = names(c, "store"), crls = names(c, "crls");
     const CertificateMemoryStore store = storeOf(held, crls);
@@ -212,7 +217,7 @@ TEST(VerifyChain, HostilePoolStaysWithinTheBounds) {
   ASSERT_EQ(pool.size(), 300u);
   pool.push_back(cert("pool-root"));  // the one issuer that verifies, last
   const CertificateMemoryStore anchors = storeOf(kRoot, {});
-  for (const json& b : test::dataFile("verify/scenarios.json")["pool"]) {
+  for (const json& b : table()["pool"]) {
     VerifyOptions o;
     o.time = TimePoint::fromSeconds(kAt);
     o.maxSignatureChecks = b["maxSignatureChecks"];
