@@ -23,8 +23,8 @@ using asn1::blob;
 const std::string kContent = "tessel enveloped content\r\nspanning more than one AES block\n";
 const std::string kPassword = "correct horse";
 
-// Party is a recipient: a fixture key and a certificate for it. X25519 keys cannot sign, so
-// their certificate is issued by a P-256 CA over the X25519 public key.
+// Party is a recipient: a fixture key and a certificate for it from
+// tests/data/make_cms_enveloped_parties.sh (X25519's issued by the P-256 party, as it cannot sign).
 struct Party {
   std::shared_ptr<PrivateKey> key;
   std::shared_ptr<X509Certificate> cert;
@@ -35,30 +35,20 @@ class CmsEnvelopedTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new Scratch;
-    for (const char* name : {"rsa2048", "ec256", "ec384", "x25519"}) (*parties_)[name] = makeParty(name);
+    const CliResult r = runCli("cd " + dir_->path("") + " && bash " + fixturePath("make_cms_enveloped_parties.sh"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    for (const char* name : {"rsa2048", "ec256", "ec384", "x25519"}) {
+      Party& p = (*parties_)[name];
+      p.key = fixtureKey(name);
+      p.keyPath = fixturePath(std::string("keys/") + name + ".pkcs8.pem");
+      p.certPath = dir_->path(std::string(name) + ".crt");
+      p.cert = readCertFromFile(p.certPath);
+      EXPECT_TRUE(p.cert) << name;
+    }
   }
   static void TearDownTestSuite() {
     parties_->clear();
     delete dir_;
-  }
-
-  static Party makeParty(const std::string& name) {
-    Party p;
-    p.key = fixtureKey(name);
-    p.keyPath = fixturePath("keys/" + name + ".pkcs8.pem");
-    p.certPath = dir_->path(name + ".crt");
-    const std::string ca = fixturePath("keys/ec256.pkcs8.pem");
-    const std::string cmd =
-        name == "x25519"
-            ? "openssl req -new -key " + ca + " -subj /CN=" + name + " | openssl x509 -req -CA " +
-                  (*parties_)["ec256"].certPath + " -CAkey " + ca + " -force_pubkey " +
-                  fixturePath("keys/x25519.pub.pem") + " -days 2 -out " + p.certPath
-            : "openssl req -x509 -new -key " + p.keyPath + " -subj /CN=" + name + " -days 2 -out " + p.certPath;
-    CliResult r = runCli(cmd);
-    EXPECT_EQ(r.status, 0) << r.output;
-    p.cert = readCertFromFile(p.certPath);
-    EXPECT_TRUE(p.cert) << name;
-    return p;
   }
 
   static const Party& party(const std::string& name) { return (*parties_)[name]; }

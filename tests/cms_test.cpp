@@ -127,8 +127,7 @@ TEST(Cms, TamperingFailsWithTheRightReason) {
        cmsContentTypeMismatch},
       {"another key, same name and serial",
        [&](PKCS7SignedData& m) {
-         Bytes cert = other.cert->serialize();
-         m.certificateDer = {cert};
+         m.certificateDer = {other.cert->serialize()};
          m.certificates = {other.cert};
          m.certificates[0]->serial = party.cert->serial;
        },

@@ -40,37 +40,14 @@ TEST(TimeStamp, RequestAndResponseEdgeCases) {
 }
 
 // The authority, the checks and the readers against OpenSSL's ts command. One scratch folder
-// with a root, two time-stamping certificates (RSA and P-256) and one without the purpose.
+// (tests/data/make_timestamp_oracle.sh) with a root, two time-stamping certificates (RSA and
+// P-256) and one without the purpose.
 class TimeStampOracle : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new Scratch;
-    dir_->file("data", "the document being stamped\n");
-    dir_->file("rsa.key", fixtureText("keys/rsa2048.pkcs8.pem"));
-    dir_->file("ec.key", fixtureText("keys/ec256.pkcs8.pem"));
-    const char* steps[] = {
-        "req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -subj /CN=TS-Root -days 30 "
-        "-addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign -out ca.pem",
-        "req -x509 -new -key rsa.key -CA ca.pem -CAkey ca.key -subj /CN=TSA-RSA -days 30 "
-        "-addext extendedKeyUsage=critical,timeStamping -out rsa.pem",
-        "req -x509 -new -key ec.key -CA ca.pem -CAkey ca.key -subj /CN=TSA-EC -days 30 "
-        "-addext extendedKeyUsage=critical,timeStamping -out ec.pem",
-        // The purpose named but not critical: RFC 3161 and OpenSSL want it critical.
-        "req -x509 -new -key ec.key -CA ca.pem -CAkey ca.key -subj /CN=Not-a-TSA -days 30 "
-        "-addext extendedKeyUsage=timeStamping -out plain.pem",
-    };
-    for (const char* step : steps) {
-      const CliResult r = openssl(step);
-      ASSERT_EQ(r.status, 0) << step << "\n" << r.output;
-    }
-    dir_->file("untrusted.pem", text("rsa.pem") + text("ec.pem") + text("plain.pem"));
-    dir_->file("serial", "01\n");
-    dir_->file("tsa.cnf",
-               "[ tsa ]\ndefault_tsa = tsa1\n[ tsa1 ]\nserial = ./serial\ncrypto_device = builtin\n"
-               "signer_cert = ./rsa.pem\nsigner_key = ./rsa.key\nsigner_digest = sha256\n"
-               "default_policy = 1.2.3.4.1\nother_policies = 1.2.3.4.5\ndigests = sha256, sha384, sha512\n"
-               "accuracy = secs:1, millisecs:500, microsecs:100\nordering = yes\ntsa_name = yes\n"
-               "ess_cert_id_alg = sha256\n");
+    const CliResult r = runCli("cd " + dir_->path("") + " && bash " + fixturePath("make_timestamp_oracle.sh"));
+    ASSERT_EQ(r.status, 0) << r.output;
   }
   static void TearDownTestSuite() { delete dir_; }
   void SetUp() override {
@@ -136,10 +113,9 @@ Bytes hexValue(std::string text) {
 }
 
 TEST_F(TimeStampOracle, OpensslRepliesParseDumpAndVerify) {
-  for (const char* signer : {"rsa", "ec"}) {
-    SCOPED_TRACE(signer);
+  for (const std::string name : {"rsa", "ec"}) {
+    SCOPED_TRACE(name);
     const TimeStampRequest req = query("-tspolicy 1.2.3.4.5");
-    const std::string name = signer;
     CliResult r = openssl("ts -reply -config tsa.cnf -signer " + name + ".pem -inkey " + name +
                           ".key -queryfile q.tsq -out r.tsr");
     ASSERT_EQ(r.status, 0) << r.output;
@@ -183,6 +159,12 @@ TimeStampRequest changed(TimeStampRequest req, Change change) {
   return req;
 }
 
+// asSha1 makes a request name SHA-1, which the authority refuses.
+void asSha1(TimeStampRequest& r) {
+  r.hash = hashSha1;
+  r.digest.resize(20);
+}
+
 TEST_F(TimeStampOracle, EachFailureHasItsCodeAndOpensslAgrees) {
   TimeStampRequest req = query("-tspolicy 1.2.3.4.5");
   const Tsa ec = tsa("ec"), rsa = tsa("rsa");
@@ -209,10 +191,7 @@ TEST_F(TimeStampOracle, EachFailureHasItsCodeAndOpensslAgrees) {
   TimeStampResponse tampered;
   ASSERT_TRUE(tampered.parse(asn1::blob(good)));
   tampered.token->signerInfos[0].signature.back() ^= 1;
-  const TimeStampRequest sha1 = changed(req, [](auto& r) {
-    r.hash = hashSha1;
-    r.digest.resize(20);
-  });
+  const TimeStampRequest sha1 = changed(req, asSha1);
   const auto& oid = asn1::oid::idCtTstInfo;
   const struct {
     const char* name;
@@ -264,12 +243,7 @@ TEST_F(TimeStampOracle, RefusalsCarryTheFailureBitOpensslNames) {
     TimeStampRequest request;
     const char* opensslText;
   } kRefusals[] = {
-      {changed(req,
-               [](auto& r) {
-                 r.hash = hashSha1;
-                 r.digest.resize(20);
-               }),
-       "unrecognized or unsupported algorithm identifier"},
+      {changed(req, asSha1), "unrecognized or unsupported algorithm identifier"},
       {changed(req, [](auto& r) { r.digest.pop_back(); }), "the data submitted has the wrong format"},
       {changed(req, [](auto& r) { r.policy = h("2a030409"); }), "the requested TSA policy is not supported by the TSA"},
       {changed(req, [](auto& r) { r.version = 2; }), "transaction not permitted or supported"},

@@ -31,21 +31,16 @@ DistinguishedName randomName(TestRng& rng) {
   return dn;
 }
 
-GeneralName randomGeneralName(TestRng& rng) {
-  GeneralName n;
-  switch (rng.below(4)) {
-    case 0: n.type = GeneralName::iPAddress, n.data = rng.bytes(rng.below(2) ? 4 : 16); break;
-    case 1: n.type = GeneralName::rfc822Name; break;
-    case 2: n.type = GeneralName::uniformResourceIdentifier; break;
-    default: n.type = GeneralName::dNSName;
-  }
-  if (n.data.empty()) n.data = bytesOf(randomLabel(rng) + ".example");
-  return n;
-}
-
+// randomNames gives up to three names of the four kinds certificates carry.
 std::vector<GeneralName> randomNames(TestRng& rng) {
   std::vector<GeneralName> names(rng.below(4));
-  for (GeneralName& n : names) n = randomGeneralName(rng);
+  for (GeneralName& n : names) {
+    constexpr std::uint8_t kTypes[] = {GeneralName::iPAddress, GeneralName::rfc822Name,
+                                       GeneralName::uniformResourceIdentifier, GeneralName::dNSName};
+    n.type = kTypes[rng.below(4)];
+    n.data =
+        n.type == GeneralName::iPAddress ? rng.bytes(rng.below(2) ? 4 : 16) : bytesOf(randomLabel(rng) + ".example");
+  }
   return names;
 }
 
