@@ -8,6 +8,7 @@
 
 #include "bignum_support.h"
 #include "tessel/reducer.h"
+#include "test_rng.h"
 
 namespace tessel {
 namespace {
@@ -169,13 +170,7 @@ TEST(Reducer, RandomBigNum) {
     EXPECT_TRUE(!out.isZero() && out <= max);
   }
   // A failing source fails at once; one that only gives zeros is given up after 100 draws.
-  struct FixedRng : Rng {
-    bool ok;
-    int calls = 0;
-    explicit FixedRng(bool works) : ok(works) {}
-    bool generate(unsigned char* b, unsigned n) override { return ++calls, std::fill(b, b + n, 0), ok; }
-    bool generateInsecure(unsigned char*, unsigned) override { return false; }
-  } failing(false), zeros(true);
+  auto failing = test::ScriptedRng::filled(0, 0), zeros = test::ScriptedRng::filled(0);
   EXPECT_FALSE(randomBigNum(&out, max, failing));
   EXPECT_EQ(failing.calls, 1);
   EXPECT_FALSE(randomBigNum(&out, max, zeros));

@@ -13,29 +13,13 @@
 #include "tessel/mlkem_keys.h"
 #include "tessel/pkcs8.h"
 #include "tessel/rsa.h"
+#include "test_rng.h"
 
 #if TESSEL_HAVE_OPENSSL
 #include "openssl_oracle.h"
 
 namespace tessel::test {
 namespace {
-
-// SeededRng is a reproducible source that fails once `budget` bytes have been drawn.
-class SeededRng : public Rng {
- public:
-  explicit SeededRng(std::uint64_t seed, std::size_t budget = SIZE_MAX) : gen_(seed), budget_(budget) {}
-  bool generate(unsigned char* buf, unsigned len) override {
-    if (len > budget_) return false;
-    budget_ -= len;
-    for (unsigned i = 0; i < len; ++i) buf[i] = static_cast<unsigned char>(gen_.next());
-    return true;
-  }
-  bool generateInsecure(unsigned char* buf, unsigned len) override { return generate(buf, len); }
-
- private:
-  TestRng gen_;
-  std::size_t budget_;
-};
 
 // checkedKey reads our PKCS#8 with libcrypto and expects its key check to pass.
 EvpKey checkedKey(const Bytes& der) {
@@ -78,7 +62,7 @@ TEST(KeyGen, EveryTypeIsReproducibleFreshAndAcceptedByOpenssl) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
     if (c.size > 2048 && !std::getenv("TESSEL_SLOW")) continue;
-    SeededRng rng(c.size + c.type), same(c.size + c.type);
+    auto rng = ScriptedRng::seeded(c.size + c.type), same = ScriptedRng::seeded(c.size + c.type);
     auto key = generatePrivateKey(c.type, c.size, rng), again = generatePrivateKey(c.type, c.size, same);
     auto other = generatePrivateKey(c.type, c.size);
     ASSERT_TRUE(key && again && other);
@@ -86,7 +70,7 @@ TEST(KeyGen, EveryTypeIsReproducibleFreshAndAcceptedByOpenssl) {
     EXPECT_EQ(der, encodePkcs8PrivateKey(*again)) << "the source is not the only input";
     EXPECT_NE(der, encodePkcs8PrivateKey(*other));
     for (std::size_t budget : {0, 16, c.type == keyRsa ? 3000 : 0}) {
-      SeededRng failing(1, budget);
+      auto failing = ScriptedRng::seeded(1, budget);
       EXPECT_FALSE(generatePrivateKey(c.type, c.size, failing)) << "budget " << budget;
     }
     if (c.type == keyMlkem768) {  // libcrypto 3.0 has no ML-KEM: decapsulate what the public part encapsulates
@@ -126,7 +110,7 @@ TEST(KeyGen, RefusedSizes) {
 TEST(KeyGen, ShortRsaKeysPassOpensslCheck) {
   for (unsigned bits : {512u, 770u, 1024u, 1090u}) {
     SCOPED_TRACE(bits);
-    SeededRng rng(bits);
+    auto rng = ScriptedRng::seeded(bits);
     RsaPrivateKey key;
     ASSERT_TRUE(rsa::generateKey(key, bits, rng));
     ASSERT_TRUE(checkedKey(encodePkcs8PrivateKey(key)));
@@ -140,7 +124,7 @@ TEST(KeyGen, ShortRsaKeysPassOpensslCheck) {
 TEST(KeyGen, PrimeTestAgreesWithOpenssl) {
   BnCtx ctx;
   TestRng gen(7);
-  SeededRng rng(8);
+  auto rng = ScriptedRng::seeded(8);
   auto agree = [&](const BigNum& x) {
     EXPECT_EQ(rsa::isProbablePrime(x, 8, rng), BN_check_prime(toBn(x).get(), ctx, nullptr) == 1) << x.str();
   };

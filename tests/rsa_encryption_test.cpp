@@ -7,23 +7,10 @@
 #include "issuing_support.h"
 #include "openssl_oracle.h"
 #include "tessel/rsa.h"
+#include "test_rng.h"
 
 namespace tessel::test {
 namespace {
-
-// PinnedRng hands out fixed bytes, to tell which key decryptKey answered with.
-class PinnedRng : public Rng {
- public:
-  explicit PinnedRng(unsigned char v) : v_(v) {}
-  bool generate(unsigned char* buf, unsigned len) override {
-    std::fill(buf, buf + len, v_);
-    return true;
-  }
-  bool generateInsecure(unsigned char* buf, unsigned len) override { return generate(buf, len); }
-
- private:
-  unsigned char v_;
-};
 
 struct WycheproofFile {
   const char* name;
@@ -71,7 +58,7 @@ TEST(RsaEncryption, WycheproofDecryption) {
       }
       // Key transport: a valid block gives its key; anything else the random one, never a verdict.
       if (!f.oaep) {
-        PinnedRng rng(0x5A);
+        auto rng = ScriptedRng::filled(0x5A);  // to tell which key decryptKey answered with
         const std::size_t want = msg.empty() ? 16 : msg.size();
         const Bytes transported = key->decryptKey(asn1::blob(ct), params, want, rng);
         EXPECT_EQ(transported, result == "valid" && !msg.empty() ? msg : Bytes(want, 0x5A));
