@@ -7,6 +7,7 @@
 #include "tessel/ec_key.h"
 #include "tessel/oids.h"
 #include "tessel/rsa.h"
+#include "trust/trust_internal.h"
 #include "trust/verify_internal.h"
 #include "x509/x509_ext.h"
 
@@ -149,8 +150,7 @@ Failure checkRevocation(const Chain& chain, const CertificateStore& anchors, Tim
     const std::shared_ptr<X509Crl> crl = anchors.findCrlFor(cert, chain[i + 1].get());
     if (!crl || at < crl->thisUpdate || (crl->nextUpdate.seconds() != 0 && crl->nextUpdate < at))
       return {VerifyCode::revocationUnknown, i};
-    for (const auto& entry : crl->revoked)
-      if (entry.serial == cert.serial) return {VerifyCode::revoked, i};
+    if (isRevoked(*crl, cert)) return {VerifyCode::revoked, i};
   }
   return {};
 }

@@ -6,18 +6,12 @@
 
 #include "tessel/oids.h"
 #include "tessel/x509_path.h"
+#include "trust/trust_internal.h"
 #include "trust/verify_internal.h"
 
 namespace tessel::verify {
 
 namespace {
-
-std::string lower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return out;
-}
 
 std::string textOf(const std::vector<unsigned char>& bytes) { return {bytes.begin(), bytes.end()}; }
 
@@ -44,7 +38,7 @@ bool hostMatches(const std::string& pattern, const std::string& host) {
 bool emailMatches(std::string_view a, std::string_view b) {
   const std::size_t at = a.rfind('@');
   return at != std::string_view::npos && b.rfind('@') == at && a.substr(0, at) == b.substr(0, at) &&
-         lower(a.substr(at)) == lower(b.substr(at));
+         lowerCase(a.substr(at)) == lowerCase(b.substr(at));
 }
 
 }  // namespace
@@ -52,13 +46,14 @@ bool emailMatches(std::string_view a, std::string_view b) {
 Failure checkLeafNames(const X509Certificate& leaf, const VerifyOptions& options) {
   const Failure mismatch{VerifyCode::nameMismatch, 0};
   if (!options.dnsName.empty()) {
-    const std::string host = withoutTrailingDot(lower(options.dnsName));
+    const std::string host = withoutTrailingDot(lowerCase(options.dnsName));
     bool found = false;
     for (const GeneralName& n : leaf.subjectAltNames)
-      found = found || (n.type == GeneralName::dNSName && hostMatches(withoutTrailingDot(lower(textOf(n.data))), host));
+      found =
+          found || (n.type == GeneralName::dNSName && hostMatches(withoutTrailingDot(lowerCase(textOf(n.data))), host));
     // The common name stands in only when asked and when the leaf has no alternative name at all.
     if (!found && options.cnFallback && leaf.subjectAltNames.empty())
-      found = hostMatches(withoutTrailingDot(lower(leaf.subject.CN)), host);
+      found = hostMatches(withoutTrailingDot(lowerCase(leaf.subject.CN)), host);
     if (!found) return mismatch;
   }
   if (!options.ip.isZero()) {
@@ -134,8 +129,8 @@ bool dnsWithin(const Subtree& c, const GeneralName& name) {
 // wildcardReaches is true when a wildcard name "*.X" stands for a host inside the excluded
 // DNS subtree `c` that dnsWithin misses: c is one label over X (the wildcard's own expansion).
 bool wildcardReaches(const Subtree& c, const GeneralName& name) {
-  const std::string n = lower(textOf(name.data));
-  const std::string e = lower(textOf(c.data));
+  const std::string n = lowerCase(textOf(name.data));
+  const std::string e = lowerCase(textOf(c.data));
   if (n.size() < 3 || n[0] != '*' || n[1] != '.' || e.empty() || e[0] == '.') return false;
   const std::size_t dot = e.find('.');
   return dot != std::string::npos && dot > 0 && e.substr(dot + 1) == n.substr(2);
@@ -151,7 +146,7 @@ bool ipWithin(const Subtree& c, const GeneralName& name) {
 
 // domainWithin applies a host constraint: ".x.y" holds the hosts below x.y, "x.y" that host only.
 bool domainWithin(std::string_view constraint, std::string_view host) {
-  const std::string c = lower(constraint), h = lower(host);
+  const std::string c = lowerCase(constraint), h = lowerCase(host);
   if (c.empty()) return true;
   if (c[0] == '.') return h.size() > c.size() && h.ends_with(c);
   return h == c;

@@ -9,20 +9,13 @@
 #include "tessel/asn1.h"
 #include "tessel/pkcs8.h"
 #include "tessel/rsa.h"
+#include "trust/trust_internal.h"
 
 namespace tessel {
 
 namespace {
 
 using Chain = std::vector<std::shared_ptr<X509Certificate>>;
-
-std::string lowerCase(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
-}
 
 std::string_view text(const std::vector<unsigned char>& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -100,13 +93,6 @@ unsigned checkNameConstraints(const Chain& chain, std::string* error) {
     if (cert.excludedName.type != GeneralName::none) excluded.push_back(&cert.excludedName);
   }
   return pathValid;
-}
-
-bool isRevoked(const X509Crl& crl, const X509Certificate& cert) {
-  for (const auto& entry : crl.revoked) {
-    if (entry.serial == cert.serial) return true;
-  }
-  return false;
 }
 
 void printPossibleCrls(const Chain& chain) {
@@ -264,6 +250,21 @@ const char* pathCodeText(unsigned code) {
     case pathNoAnchor: return "no certificate of the chain is held by the store";
     default: return "";
   }
+}
+
+std::string lowerCase(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
+bool isRevoked(const X509Crl& crl, const X509Certificate& cert) {
+  for (const auto& entry : crl.revoked) {
+    if (entry.serial == cert.serial) return true;
+  }
+  return false;
 }
 
 }  // namespace tessel
